@@ -1,0 +1,23 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+
+namespace kelvane {
+
+// Process-wide values kept for the host. Nothing in the library reads or writes them. Any
+// thread.
+class GlobalVariables {
+public:
+    static GlobalVariables& shared();
+
+    std::string fcmToken() const;
+    void setFcmToken(std::string token);
+
+private:
+    GlobalVariables() = default;
+    mutable std::mutex mutex_;
+    std::string fcmToken_;
+};
+
+}  // namespace kelvane

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace kelvane {
+
+// A place where work runs. Serial queues run one task at a time, in the order they were
+// posted; delayed tasks run no earlier than their delay. All members may be called from any
+// thread.
+class Queue {
+public:
+    using Task = std::function<void()>;
+    using Duration = std::chrono::steady_clock::duration;
+
+    virtual ~Queue() = default;
+
+    // Runs `task` later on this queue, never inside this call.
+    virtual void async(Task task) = 0;
+    // Runs `task` on this queue once `delay` has passed.
+    virtual void asyncAfter(Duration delay, Task task) = 0;
+    // True when the calling code runs on this queue (for the main queue: on the main thread).
+    virtual bool isCurrent() const = 0;
+    virtual const std::string& label() const = 0;
+
+    // Runs `task` on this queue and waits for it. Never call it from this same queue.
+    void sync(Task task);
+
+    // The platform's main queue; before a platform is installed, a serial queue of the
+    // library's own stands in for it.
+    static std::shared_ptr<Queue> main();
+    // A new serial queue: a strand of the process-wide network context, whose one background
+    // thread runs all of them, and their timers.
+    static std::shared_ptr<Queue> makeSerial(std::string label);
+    // A concurrent queue for blocking work (camera start, for instance): a small thread pool.
+    static std::shared_ptr<Queue> global();
+};
+
+// Debug builds check that queue-bound code runs where its header says; release builds skip it.
+void assertOnQueue(const Queue& queue, const char* where);
+
+}  // namespace kelvane
+
+#ifdef NDEBUG
+#define KELVANE_ASSERT_ON_QUEUE(queue) ((void)0)
+#else
+#define KELVANE_ASSERT_ON_QUEUE(queue) ::kelvane::assertOnQueue((queue), __func__)
+#endif

@@ -1,0 +1,106 @@
+#pragma once
+
+#include <kelvane/Error.hpp>
+#include <kelvane/Queue.hpp>
+#include <kelvane/platform/View.hpp>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kelvane::platform {
+
+enum class AuthorizationStatus { notDetermined = 0, restricted = 1, denied = 2, authorized = 3 };
+
+// One running camera session reading QR codes.
+class CaptureSession {
+public:
+    virtual ~CaptureSession() = default;
+    // Adds the default video device; an error when there is none or it cannot be used.
+    virtual std::optional<Error> addDefaultVideoInput() = 0;
+    virtual bool canAddMetadataOutput() const = 0;
+    // Each detection delivers the string values of the codes seen, in order, on `queue`.
+    virtual void addMetadataOutput(std::shared_ptr<Queue> queue,
+                                   std::function<void(std::vector<std::optional<std::string>>)> onCodes) = 0;
+    virtual bool isRunning() const = 0;
+    // Blocks until the camera runs; call it off the main queue.
+    virtual void startRunning() = 0;
+    virtual void stopRunning() = 0;
+    // Shows the session's picture, aspect-filled, in `view`.
+    virtual void attachPreview(std::shared_ptr<View> view, Rect frame) = 0;
+};
+
+class Camera {
+public:
+    virtual ~Camera() = default;
+    virtual AuthorizationStatus authorizationStatus() const = 0;
+    // The answer may come on any thread.
+    virtual void requestAccess(std::function<void(bool granted)> completion) = 0;
+    virtual std::shared_ptr<CaptureSession> makeSession() = 0;
+};
+
+enum class LocationAuthorizationStatus {
+    notDetermined = 0,
+    restricted = 1,
+    denied = 2,
+    authorizedAlways = 3,
+    authorizedWhenInUse = 4,
+};
+
+struct Coordinate {
+    double latitude = 0;
+    double longitude = 0;
+};
+
+// Callbacks of the location manager, on the main queue.
+class LocationDelegate {
+public:
+    virtual ~LocationDelegate() = default;
+    virtual void didChangeAuthorization(LocationAuthorizationStatus status) = 0;
+    virtual void didUpdateLocations(const std::vector<Coordinate>& locations) = 0;
+    virtual void didFailWithError(const Error& error) = 0;
+};
+
+class LocationManager {
+public:
+    virtual ~LocationManager() = default;
+    virtual void setDelegate(std::weak_ptr<LocationDelegate> delegate) = 0;
+    // The raw value, so that a value outside the known ones can be told.
+    virtual int authorizationStatus() const = 0;
+    virtual void requestWhenInUseAuthorization() = 0;
+    virtual void startUpdatingLocation() = 0;
+    virtual void stopUpdatingLocation() = 0;
+};
+
+class Location {
+public:
+    virtual ~Location() = default;
+    virtual std::shared_ptr<LocationManager> makeManager() = 0;
+};
+
+struct NetworkPath {
+    enum class Status { satisfied, unsatisfied, requiresConnection };
+    Status status = Status::unsatisfied;
+    bool usesWifi = false;
+    bool usesCellular = false;
+    bool usesWiredEthernet = false;
+};
+
+// Watches the device's network path; the handler runs on the queue given to start().
+class NetworkPathMonitor {
+public:
+    virtual ~NetworkPathMonitor() = default;
+    virtual void setPathUpdateHandler(std::function<void(const NetworkPath&)> handler) = 0;
+    virtual void start(std::shared_ptr<Queue> queue) = 0;
+    virtual void cancel() = 0;
+};
+
+class NetworkPaths {
+public:
+    virtual ~NetworkPaths() = default;
+    virtual std::shared_ptr<NetworkPathMonitor> makeMonitor() = 0;
+};
+
+}  // namespace kelvane::platform

@@ -1,0 +1,80 @@
+#include <kelvane/KelvaneApp.hpp>
+
+#include <kelvane/Log.hpp>
+#include <kelvane/Status.hpp>
+#include <kelvane/platform/ViewSystem.hpp>
+
+#include "flow/Storyboard.hpp"
+#include "flow/WebViewController.hpp"
+#include "services/CustomSchemeService.hpp"
+#include "support/Ports.hpp"
+
+namespace kelvane {
+
+KelvaneApp::KelvaneApp() : customSchemeService(std::make_shared<CustomSchemeService>()) {}
+
+KelvaneApp::~KelvaneApp() = default;
+
+void KelvaneApp::onPushReceived(const Json& data, std::shared_ptr<KelvaneService> with,
+                                std::optional<std::string> encryptionKey) {
+    if (updateAvailable()) {
+        if (with) with->onError(std::string(errorName(Status::appUpdateRequired)));
+        return;
+    }
+    // Before any look at the message: even a malformed one ends the running socket.
+    WebSocketService().dispose();
+    logLine("on push received data : " + json::dump(data));
+
+    std::optional<Json> payload;
+    std::optional<std::string> id;
+    if (auto text = json::getString(data, "payload")) {
+        payload = json::parse(*text);
+        if (payload && payload->is_object()) id = json::getString(*payload, "id");
+    }
+    if (!id) {
+        logLine("Error parsing JSON");
+        return;
+    }
+    if (*id == "kn_auth") {
+        newHandle(*payload, std::move(with), std::move(encryptionKey));
+        return;
+    }
+    if (with) with->onError(std::string(errorName(Status::IdMismatch)));
+}
+
+void KelvaneApp::newHandle(const Json& data, std::shared_ptr<KelvaneService> with,
+                           std::optional<std::string> encryptionKey) {
+    auto storyboard = Storyboard::named(kMainStoryboard, kSdkBundleIdentifier);
+    auto presenter = customView();
+    auto controller =
+        castScene<WebViewController>(storyboard->instantiateViewController("WebViewController"), "WebViewController");
+    controller->payload = data;
+    controller->encryptionKey = std::move(encryptionKey);
+    controller->kelvaneService = std::move(with);
+
+    if (auto navigation = navigationController()) {
+        navigation->pushViewController(controller, true);
+    } else if (presenter) {
+        presenter->present(controller, true);
+    }
+}
+
+std::shared_ptr<ViewController> KelvaneApp::customView() {
+    auto views = ports::viewSystem();
+    auto scenes = views->connectedScenes();
+    if (!scenes.empty() && scenes.front()->isWindowScene()) {
+        auto windows = scenes.front()->windows();
+        if (windows.empty()) return nullptr;
+        if (auto current = windows.front()->rootViewController()) {
+            while (auto presented = current->presentedViewController()) current = presented;
+            return current;
+        }
+    }
+    // The key window's root as it stands, without following what it presents.
+    for (const auto& window : views->windows()) {
+        if (window->isKeyWindow()) return window->rootViewController();
+    }
+    return nullptr;
+}
+
+}  // namespace kelvane
