@@ -1,0 +1,141 @@
+#include "FlowFixture.hpp"
+
+#include "flow/Events.hpp"
+
+using namespace kelvane;
+using kelvane::testing::FlowFixture;
+using kelvane::testing::ObservedWebViewController;
+
+namespace {
+
+class WebViewControllerTest : public FlowFixture {
+protected:
+    std::shared_ptr<ObservedWebViewController> show() {
+        push(message(plainPayload()));
+        return controllers.back();
+    }
+    std::shared_ptr<fakes::FakeWebView> webViewOf(const std::shared_ptr<WebViewController>& controller) {
+        return std::static_pointer_cast<fakes::FakeWebView>(controller->webView);
+    }
+};
+
+}  // namespace
+
+TEST_F(WebViewControllerTest, AppearanceBuildsAWebViewWithOneHandlerPerEvent) {
+    auto controller = show();
+    auto webView = webViewOf(controller);
+    ASSERT_TRUE(webView);
+    const auto& configuration = webView->configuration;
+    EXPECT_TRUE(configuration.allowsInlineMediaPlayback);
+    EXPECT_TRUE(configuration.allowsAirPlayForMediaPlayback);
+    EXPECT_TRUE(configuration.allowsPictureInPictureMediaPlayback);
+    EXPECT_EQ(configuration.mediaTypesRequiringUserActionForPlayback, platform::WebViewConfiguration::none);
+    ASSERT_EQ(configuration.userContentController.handlers.size(), 21u);
+    for (std::size_t i = 0; i < 21; ++i) {
+        EXPECT_EQ(configuration.userContentController.handlers[i].first, eventName(allValues()[i]));
+        EXPECT_EQ(configuration.userContentController.handlers[i].second.lock(), controller);
+    }
+    EXPECT_EQ(webView->frame, controller->view()->bounds());
+    EXPECT_EQ(webView->uiDelegate.lock(), controller);
+
+    auto indicator = std::static_pointer_cast<fakes::FakeActivityIndicator>(controller->loadingIndicator);
+    EXPECT_EQ(indicator->style, platform::ActivityIndicatorStyle::medium);
+    EXPECT_EQ(indicator->centerPoint, webView->center());
+    EXPECT_TRUE(indicator->hidesWhenStopped);
+    EXPECT_EQ(indicator->color, platform::Color::black());
+    EXPECT_EQ(webView->rootView->subviews.back(), controller->loadingIndicator);
+}
+
+TEST_F(WebViewControllerTest, EachAppearanceBuildsAnotherWebViewAndRunsTheIntakeAgain) {
+    auto controller = show();
+    platform.viewSystem->appearAgain(controller);
+    platform.mainQueue->runUntilIdle();
+    auto appWeb = platform.viewSystem->appWebOutlets.at(controller.get());
+    EXPECT_EQ(appWeb->subviews.size(), 2u);
+    EXPECT_EQ(platform.webViews->made.size(), 2u);
+    EXPECT_EQ(controller->loadedPages.size(), 2u);
+}
+
+TEST_F(WebViewControllerTest, OnlyTheFirstReturnedURLLoadsAndOnlyWhileListening) {
+    auto controller = show();
+    auto webView = webViewOf(controller);
+    std::string first = freshReturnURL();
+    CustomSchemeSingleton::shared().sendData(first);
+    CustomSchemeSingleton::shared().sendData(freshReturnURL());
+    ASSERT_EQ(webView->loads.size(), 1u);
+    EXPECT_EQ(webView->loads[0].url.absoluteString(), first);
+    EXPECT_EQ(webView->loads[0].timeoutInterval, 60.0);
+    EXPECT_EQ(webView->loads[0].cachePolicy, platform::URLRequest::CachePolicy::useProtocolCachePolicy);
+
+    auto other = show();
+    other->stopListening();
+    CustomSchemeSingleton::shared().sendData(freshReturnURL());
+    EXPECT_TRUE(webViewOf(other)->loads.empty());
+}
+
+TEST_F(WebViewControllerTest, LoadURLLogsWhatItCannotLoad) {
+    auto unshown = std::make_shared<WebViewController>();
+    unshown->loadURL("https://a.test/x");
+    EXPECT_EQ(log.lines().back(), "Error: webView is nil");
+    unshown->loadURL("not a url");
+    EXPECT_EQ(log.lines().back(), "Invalid URL: not a url");
+}
+
+TEST_F(WebViewControllerTest, CustomDismissClosesThenDismissesTheFirstWindowsRoot) {
+    auto controller = show();
+    controller->customDismiss(CloseReason::ByUser, delegate);
+    EXPECT_EQ(delegate->calls(), std::vector<std::string>{"onClosed:ByUser"});
+    EXPECT_EQ(webViewOf(controller)->stopLoadingCount, 1);
+    ASSERT_EQ(platform.viewSystem->dismissals.size(), 1u);
+    EXPECT_EQ(platform.viewSystem->dismissals[0].controller, root.get());
+    EXPECT_TRUE(platform.viewSystem->dismissals[0].animated);
+}
+
+TEST_F(WebViewControllerTest, CustomDismissWithoutAWindowSceneDismissesTheFlowItself) {
+    auto controller = show();
+    platform.viewSystem->scenes.clear();
+    controller->customDismiss(CloseReason::TranscationCompleted, delegate);
+    ASSERT_EQ(platform.viewSystem->dismissals.size(), 1u);
+    EXPECT_EQ(platform.viewSystem->dismissals[0].controller, controller.get());
+}
+
+TEST_F(WebViewControllerTest, ThePagesSuccessClosesTheFlow) {
+    auto controller = show();
+    controller->userContentController({"success", Json{{"any", "body"}}});
+    EXPECT_EQ(delegate->calls(), std::vector<std::string>{"onClosed:TranscationCompleted"});
+    EXPECT_TRUE(log.contains("Message name from : success"));
+    EXPECT_TRUE(log.contains(R"(Message body from : {"any":"body"})"));
+}
+
+TEST_F(WebViewControllerTest, DisposeWithoutAConnectionDoesNothing) {
+    WebSocketService::socketManager.reset();
+    WebSocketService().dispose();
+    WebSocketService::socketManager = connection;
+    WebSocketService().dispose();
+    WebSocketService().dispose();
+    EXPECT_EQ(connection->disconnects, 1);
+}
+
+using WebViewControllerDeathTest = WebViewControllerTest;
+
+namespace {
+// Writes its close where a death test can read it.
+class StderrDelegate : public fakes::RecordingDelegate {
+public:
+    void onClosed(const std::string& reason) override { std::fprintf(stderr, "closed %s\n", reason.c_str()); }
+};
+}  // namespace
+
+TEST_F(WebViewControllerDeathTest, DismissingWithoutAWebViewStopsAfterTellingTheHost) {
+    auto service = std::make_shared<WebSocketService>();
+    EXPECT_DEATH(service->customDismiss(CloseReason::TranscationCompleted, std::make_shared<StderrDelegate>()),
+                 "closed TranscationCompleted\n"
+                 "Fatal error: Unexpectedly found nil while implicitly unwrapping an Optional value");
+}
+
+TEST_F(WebViewControllerDeathTest, AnAppearanceWithoutTheWebContainerStops) {
+    auto controller = std::make_shared<WebViewController>();
+    controller->kelvaneService = delegate;
+    EXPECT_DEATH(controller->viewWillAppear(false),
+                 "Fatal error: Unexpectedly found nil while implicitly unwrapping an Optional value");
+}

@@ -1,0 +1,80 @@
+#pragma once
+
+// A host with a window and a delegate, a KelvaneApp, and flow screens whose page load is
+// observed instead of run.
+
+#include <kelvane/KelvaneApp.hpp>
+
+#include "FakePlatform.hpp"
+#include "flow/Storyboard.hpp"
+#include "flow/WebViewController.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+namespace kelvane::testing {
+
+class ObservedWebViewController : public WebViewController {
+public:
+    std::vector<std::string> loadedPages;
+    void newLoadWebView(const std::string& url) override { loadedPages.push_back(url); }
+};
+
+class CountingConnection : public WebSocketService::Connection {
+public:
+    int disconnects = 0;
+    void disconnect() override { ++disconnects; }
+};
+
+class FlowFixture : public ::testing::Test {
+protected:
+    FlowFixture() {
+        root = platform.viewSystem->installRoot();
+        previousScene = Storyboard::replaceScene("WebViewController", [this] {
+            auto controller = std::make_shared<ObservedWebViewController>();
+            controllers.push_back(controller);
+            return controller;
+        });
+        WebSocketService::socketManager = connection;
+    }
+    ~FlowFixture() override {
+        Storyboard::replaceScene("WebViewController", previousScene);
+        WebSocketService::socketManager.reset();
+    }
+
+    // A message whose "payload" is the given object's JSON text.
+    static Json message(const Json& payload) { return Json{{"payload", payload.dump()}}; }
+
+    static Json transaction(const std::string& action = "https://page.test/t/1") {
+        return Json{{"action", action}, {"socket", {{"url", "wss://socket.test"}, {"requestId", "req-1"}}},
+                    {"type", "push"}};
+    }
+
+    static Json plainPayload(const Json& data = transaction()) {
+        return Json{{"version", 1}, {"id", "kn_auth"}, {"isEncrypted", 0}, {"data", data}};
+    }
+
+    // Pushes and lets the shown screen run its lifecycle.
+    void push(const Json& data, std::optional<std::string> key = std::nullopt) {
+        app->onPushReceived(data, delegate, std::move(key));
+        platform.mainQueue->runUntilIdle();
+    }
+
+    // A URL no earlier test has sent through the custom-scheme stream, which drops repeats.
+    static std::string freshReturnURL() {
+        static std::atomic<int> counter{0};
+        return "https://return.test/" + std::to_string(counter++);
+    }
+
+    fakes::FakePlatform platform;
+    fakes::LogCapture log;
+    std::shared_ptr<fakes::RecordingDelegate> delegate = std::make_shared<fakes::RecordingDelegate>();
+    std::shared_ptr<KelvaneApp> app = std::make_shared<KelvaneApp>();
+    std::shared_ptr<ViewController> root;
+    std::vector<std::shared_ptr<ObservedWebViewController>> controllers;
+    std::shared_ptr<CountingConnection> connection = std::make_shared<CountingConnection>();
+    Storyboard::Factory previousScene;
+};
+
+}  // namespace kelvane::testing
