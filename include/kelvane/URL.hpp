@@ -24,6 +24,8 @@ std::optional<std::string> addingPercentEncoding(std::string_view text, URLChara
 // Nothing when a "%" is not followed by two hex digits, or the result is not valid UTF-8.
 std::optional<std::string> removingPercentEncoding(std::string_view text);
 
+class URLComponents;
+
 // An absolute or relative reference in the syntax of RFC 3986, kept as its text.
 class URL {
 public:

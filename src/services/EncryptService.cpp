@@ -85,20 +85,20 @@ std::string digest(const EVP_MD* type, ByteView first, ByteView second = {}, std
 
 }  // namespace
 
-std::optional<std::string> EncryptService::encryptWithRsa(std::string_view publicKey, std::string_view challenge) const {
-    auto keyBytes = base64::decode(publicKey);
-    if (!keyBytes) {
-        logLine("Invalid base64 input");
-        return std::nullopt;
-    }
-    auto plain = base64::decode(challenge);
-    if (!plain) {
+namespace {
+
+// RSA-OAEP one way or the other over base64 inputs, with the log line of each failure.
+std::optional<Bytes> rsaOaep(std::string_view keyText, std::string_view dataText, bool isPrivate) {
+    auto keyBytes = base64::decode(keyText);
+    auto input = keyBytes ? base64::decode(dataText) : std::nullopt;
+    if (!input) {
         logLine("Invalid base64 input");
         return std::nullopt;
     }
     std::string error;
-    Pkey key = decodeRsaKey(*keyBytes, false, error);
-    if (key && EVP_PKEY_get_bits(key.get()) != 2048) {
+    Pkey key = decodeRsaKey(*keyBytes, isPrivate, error);
+    // Only the public side states a size: a private key of any size is taken.
+    if (key && !isPrivate && EVP_PKEY_get_bits(key.get()) != 2048) {
         error = "the key has " + std::to_string(EVP_PKEY_get_bits(key.get())) + " bits, not 2048";
         key.reset();
     }
@@ -106,54 +106,37 @@ std::optional<std::string> EncryptService::encryptWithRsa(std::string_view publi
         logLine("Error creating SecKey: " + error);
         return std::nullopt;
     }
-    PkeyCtx context = oaepContext(key.get(), true);
+    auto run = isPrivate ? EVP_PKEY_decrypt : EVP_PKEY_encrypt;
+    const char* failure = isPrivate ? "Error decrypting data: " : "Error encrypting data: ";
+    PkeyCtx context = oaepContext(key.get(), !isPrivate);
     std::size_t size = 0;
-    if (!context || EVP_PKEY_encrypt(context.get(), nullptr, &size, plain->data(), plain->size()) != 1) {
-        logLine("Error encrypting data: " + opensslError("encryption could not start"));
-        return std::nullopt;
+    Bytes output;
+    if (context && run(context.get(), nullptr, &size, input->data(), input->size()) == 1) {
+        output.resize(size);
+        if (run(context.get(), output.data(), &size, input->data(), input->size()) == 1) {
+            output.resize(size);
+            return output;
+        }
     }
-    Bytes sealed(size);
-    if (EVP_PKEY_encrypt(context.get(), sealed.data(), &size, plain->data(), plain->size()) != 1) {
-        logLine("Error encrypting data: " + opensslError("encryption failed"));
-        return std::nullopt;
-    }
-    sealed.resize(size);
-    std::string result = base64::encode(sealed);
+    logLine(failure + opensslError("the cipher failed"));
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string> EncryptService::encryptWithRsa(std::string_view publicKey, std::string_view challenge) const {
+    auto sealed = rsaOaep(publicKey, challenge, false);
+    if (!sealed) return std::nullopt;
+    std::string result = base64::encode(*sealed);
     logLine("result -> " + result);
     return result;
 }
 
 std::optional<std::string> EncryptService::decryptWithRsa(std::string_view privateKey,
                                                           std::string_view encryptedData) const {
-    auto keyBytes = base64::decode(privateKey);
-    if (!keyBytes) {
-        logLine("Invalid base64 input");
-        return std::nullopt;
-    }
-    auto sealed = base64::decode(encryptedData);
-    if (!sealed) {
-        logLine("Invalid base64 input");
-        return std::nullopt;
-    }
-    std::string error;
-    Pkey key = decodeRsaKey(*keyBytes, true, error);
-    if (!key) {
-        logLine("Error creating SecKey: " + error);
-        return std::nullopt;
-    }
-    PkeyCtx context = oaepContext(key.get(), false);
-    std::size_t size = 0;
-    if (!context || EVP_PKEY_decrypt(context.get(), nullptr, &size, sealed->data(), sealed->size()) != 1) {
-        logLine("Error decrypting data: " + opensslError("decryption could not start"));
-        return std::nullopt;
-    }
-    Bytes plain(size);
-    if (EVP_PKEY_decrypt(context.get(), plain.data(), &size, sealed->data(), sealed->size()) != 1) {
-        logLine("Error decrypting data: " + opensslError("decryption failed"));
-        return std::nullopt;
-    }
-    plain.resize(size);
-    std::string text(asText(plain));
+    auto plain = rsaOaep(privateKey, encryptedData, true);
+    if (!plain) return std::nullopt;
+    std::string text(asText(*plain));
     if (!isValidUTF8(text)) {
         logLine("Error converting decrypted data to string");
         return std::nullopt;

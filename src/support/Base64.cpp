@@ -22,23 +22,33 @@ constexpr auto kTable = makeTable();
 std::optional<Bytes> decodeClean(std::string_view text) {
     if (text.size() % 4 != 0) return std::nullopt;
     std::size_t padding = 0;
-    while (padding < text.size() && text[text.size() - 1 - padding] == '=') ++padding;
+    while (padding < text.size() && padding < 3 && text[text.size() - 1 - padding] == '=') ++padding;
     if (padding > 2) return std::nullopt;
-    Bytes out;
-    out.reserve(text.size() / 4 * 3);
-    std::uint32_t accumulator = 0;
-    int bits = 0;
-    for (std::size_t i = 0; i < text.size() - padding; ++i) {
-        auto value = kTable[static_cast<unsigned char>(text[i])];
-        if (value < 0) return std::nullopt;
-        accumulator = (accumulator << 6) | static_cast<std::uint32_t>(value);
-        bits += 6;
-        if (bits >= 8) {
-            bits -= 8;
-            out.push_back(static_cast<std::uint8_t>(accumulator >> bits));
-            accumulator &= (1u << bits) - 1;
-        }
+    const auto* in = reinterpret_cast<const unsigned char*>(text.data());
+    const std::size_t groups = text.size() / 4;
+    Bytes out(groups * 3 - padding);
+    std::uint8_t* cursor = out.data();
+    // Whole groups first; the last group may hold padding.
+    for (std::size_t g = 0; g + 1 < groups; ++g, in += 4) {
+        int a = kTable[in[0]], b = kTable[in[1]], c = kTable[in[2]], d = kTable[in[3]];
+        if ((a | b | c | d) < 0) return std::nullopt;
+        std::uint32_t group = (std::uint32_t(a) << 18) | (std::uint32_t(b) << 12) | (std::uint32_t(c) << 6) | std::uint32_t(d);
+        cursor[0] = static_cast<std::uint8_t>(group >> 16);
+        cursor[1] = static_cast<std::uint8_t>(group >> 8);
+        cursor[2] = static_cast<std::uint8_t>(group);
+        cursor += 3;
     }
+    if (groups == 0) return out;
+    int values[4];
+    for (int i = 0; i < 4; ++i) {
+        values[i] = i < 4 - static_cast<int>(padding) ? kTable[in[i]] : 0;
+        if (values[i] < 0) return std::nullopt;
+    }
+    std::uint32_t group = (std::uint32_t(values[0]) << 18) | (std::uint32_t(values[1]) << 12) |
+                          (std::uint32_t(values[2]) << 6) | std::uint32_t(values[3]);
+    const std::uint8_t last[3] = {static_cast<std::uint8_t>(group >> 16), static_cast<std::uint8_t>(group >> 8),
+                                  static_cast<std::uint8_t>(group)};
+    for (std::size_t i = 0; i < 3 - padding; ++i) cursor[i] = last[i];
     return out;
 }
 

@@ -102,7 +102,11 @@ std::optional<std::string> removingPercentEncoding(std::string_view text) {
 std::optional<URL> URL::make(std::string_view text) {
     if (text.empty()) return std::nullopt;
     if (!boost::urls::parse_uri_reference(text)) return std::nullopt;
-    return URL(std::string(text));
+    URL url{std::string(text)};
+    // The parser lets "http://host:rest/path" through with "rest/path" as the path after an
+    // authority, which no URI has; the parts must put the text back together.
+    if (URLComponents::make(url).string() != url.text_) return std::nullopt;
+    return url;
 }
 
 std::optional<std::string> URL::scheme() const { return URLComponents::make(*this).scheme(); }

@@ -65,18 +65,6 @@ TEST_F(CustomView, AFirstWindowWithoutRootFallsBackToTheKeyWindow) {
     EXPECT_EQ(app->customView(), nullptr);
 }
 
-TEST(KelvaneAppState, StartsOpenAndKeepsWhatTheHostSets) {
-    fakes::FakePlatform platform;
-    KelvaneApp app;
-    EXPECT_FALSE(app.isShowing());
-    EXPECT_FALSE(app.updateAvailable());
-    app.setIsShowing(true);
-    app.setUpdateAvailable(true);
-    EXPECT_TRUE(app.isShowing());
-    EXPECT_TRUE(app.updateAvailable());
-    EXPECT_NE(app.customSchemeService, nullptr);
-}
-
 TEST(StatusTexts, AreTheCaseNamesSpelledAsHostsReceiveThem) {
     const char* expected[] = {
         "success", "MissingEncryptionKey", "IdMismatch", "EncryptionKeyMismatch", "InvalidPayload",

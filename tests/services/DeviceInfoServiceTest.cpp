@@ -1,8 +1,6 @@
 #include "flow/JsHandler.hpp"
 #include "services/DeviceInfoService.hpp"
 
-#include <kelvane/GlobalVariables.hpp>
-
 #include "FakePlatform.hpp"
 
 #include <gtest/gtest.h>
@@ -61,11 +59,4 @@ TEST(JsHandlerArgs, ReportMissingKeysInTheirGivenOrder) {
     EXPECT_FALSE(handler.processArgs({}));
     EXPECT_FALSE(handler.processArgs({Json(3)}));
     EXPECT_EQ(handler.processArgs({args, Json(3)}), args);
-}
-
-TEST(GlobalVariablesTest, KeepTheHostsToken) {
-    EXPECT_EQ(GlobalVariables::shared().fcmToken(), "");
-    GlobalVariables::shared().setFcmToken("t");
-    EXPECT_EQ(GlobalVariables::shared().fcmToken(), "t");
-    GlobalVariables::shared().setFcmToken("");
 }

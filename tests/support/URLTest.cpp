@@ -10,7 +10,7 @@ TEST(URLs, AreMadeOnlyFromURIReferences) {
         EXPECT_TRUE(URL::make(good)) << good;
     }
     for (const char* bad : {"", "https://a.test/a b", "https://a.test/%zz", "https://a.test/\xC3\xA9", "ht tp://x",
-                            "https://a.test/?q=[1]", "https://a.test/#a#b"}) {
+                            "https://a.test/?q=[1]", "https://a.test/#a#b", "https://user:pw43/a/b"}) {
         EXPECT_FALSE(URL::make(bad)) << bad;
     }
 }

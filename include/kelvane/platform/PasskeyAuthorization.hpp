@@ -45,30 +45,23 @@ struct SecurityKeyAssertionRequest {
 using AuthorizationRequest = std::variant<PlatformRegistrationRequest, SecurityKeyRegistrationRequest,
                                           PlatformAssertionRequest, SecurityKeyAssertionRequest>;
 
-struct SecurityKeyCredentialRegistration {
+struct CredentialRegistration {
     Bytes credentialID;
     Bytes rawClientDataJSON;
     std::optional<Bytes> rawAttestationObject;
 };
-struct PlatformCredentialRegistration {
-    Bytes credentialID;
-    Bytes rawClientDataJSON;
-    std::optional<Bytes> rawAttestationObject;
-};
-struct PlatformCredentialAssertion {
+struct CredentialAssertion {
     Bytes credentialID;
     Bytes rawClientDataJSON;
     std::optional<Bytes> userID;
     std::optional<Bytes> rawAuthenticatorData;
     std::optional<Bytes> signature;
 };
-struct SecurityKeyCredentialAssertion {
-    Bytes credentialID;
-    Bytes rawClientDataJSON;
-    std::optional<Bytes> userID;
-    std::optional<Bytes> rawAuthenticatorData;
-    std::optional<Bytes> signature;
-};
+// The four classes a ceremony can give, told apart by type.
+struct SecurityKeyCredentialRegistration : CredentialRegistration {};
+struct PlatformCredentialRegistration : CredentialRegistration {};
+struct PlatformCredentialAssertion : CredentialAssertion {};
+struct SecurityKeyCredentialAssertion : CredentialAssertion {};
 // What a ceremony gives back; `std::monostate` for a credential of another kind.
 using AuthorizationCredential =
     std::variant<std::monostate, SecurityKeyCredentialRegistration, PlatformCredentialRegistration,

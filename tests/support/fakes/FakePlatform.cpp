@@ -57,6 +57,14 @@ void FakeViewSystem::scheduleAppearance(const std::shared_ptr<ViewController>& c
     });
 }
 
+void FakeViewSystem::forgetShown() {
+    shown.clear();
+    presented_.clear();
+    keepAlive_.clear();
+    indicators.clear();
+    appWebOutlets.clear();
+}
+
 void FakeViewSystem::appearAgain(const std::shared_ptr<ViewController>& controller) {
     scheduleAppearance(controller, false);
 }

@@ -94,6 +94,8 @@ public:
     std::shared_ptr<ViewController> installRoot(std::shared_ptr<ViewController> root = nullptr);
     void setPresented(const ViewController& presenter, std::shared_ptr<ViewController> presented);
     void setNavigation(const ViewController& controller, std::shared_ptr<NavigationController> navigation);
+    // Takes every shown screen off again, as if each had been dismissed.
+    void forgetShown();
     // Runs one more appearance of a shown screen, as when a covering screen goes away.
     void appearAgain(const std::shared_ptr<ViewController>& controller);
 

@@ -1,0 +1,48 @@
+#include "Figures.hpp"
+
+#include <cstdio>
+
+namespace kelvane::bench {
+namespace {
+
+class CapturingReporter : public benchmark::ConsoleReporter {
+public:
+    // Plain text: the output is read by scripts and logs, not a terminal.
+    CapturingReporter() : ConsoleReporter(OO_Tabular) {}
+
+    std::map<std::string, Measured> results;
+
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const auto& run : runs) {
+            if (run.run_type != Run::RT_Iteration || run.iterations == 0) continue;
+            Measured measured;
+            measured.nanosecondsPerIteration =
+                run.GetAdjustedRealTime() * benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
+                benchmark::GetTimeUnitMultiplier(run.time_unit);
+            if (auto items = run.counters.find("items_per_second"); items != run.counters.end()) {
+                measured.itemsPerSecond = items->second.value;
+            }
+            if (auto bytes = run.counters.find("bytes_per_second"); bytes != run.counters.end()) {
+                measured.bytesPerSecond = bytes->second.value;
+            }
+            results[run.benchmark_name()] = measured;
+        }
+    }
+};
+
+}  // namespace
+
+std::map<std::string, Measured> runAll(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    CapturingReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return reporter.results;
+}
+
+void figure(const std::string& name, double value, const std::string& unit) {
+    std::printf("figure %s %.4g %s\n", name.c_str(), value, unit.c_str());
+}
+
+}  // namespace kelvane::bench
