@@ -2,6 +2,7 @@
 
 #include <kelvane/Fatal.hpp>
 #include <kelvane/Log.hpp>
+#include <kelvane/Queue.hpp>
 #include <kelvane/platform/ViewSystem.hpp>
 
 #include "flow/Events.hpp"
@@ -89,6 +90,7 @@ void WebViewController::closeWithError(Status status, bool thenStopListening) {
 }
 
 void WebViewController::newWebViewNew() {
+    KELVANE_ASSERT_ON_QUEUE(*Queue::main());
     loadingIndicator->startAnimating();
     if (!payload) {
         closeWithError(Status::InvalidPayload, true);
@@ -153,6 +155,7 @@ void WebViewController::newLoadWebView(const std::string& url) {
 }
 
 void WebViewController::customDismiss(CloseReason resultModel, const std::shared_ptr<KelvaneService>& delegate) {
+    KELVANE_ASSERT_ON_QUEUE(*Queue::main());
     forceUnwrap(delegate, kImplicitUnwrapNil).onClosed(std::string(errorName(resultModel)));
     forceUnwrap(webView, kImplicitUnwrapNil).stopLoading();
     auto scenes = ports::viewSystem()->connectedScenes();

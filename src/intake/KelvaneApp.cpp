@@ -1,6 +1,7 @@
 #include <kelvane/KelvaneApp.hpp>
 
 #include <kelvane/Log.hpp>
+#include <kelvane/Queue.hpp>
 #include <kelvane/Status.hpp>
 #include <kelvane/platform/ViewSystem.hpp>
 
@@ -17,6 +18,7 @@ KelvaneApp::~KelvaneApp() = default;
 
 void KelvaneApp::onPushReceived(const Json& data, std::shared_ptr<KelvaneService> with,
                                 std::optional<std::string> encryptionKey) {
+    KELVANE_ASSERT_ON_QUEUE(*Queue::main());
     if (updateAvailable()) {
         if (with) with->onError(std::string(errorName(Status::appUpdateRequired)));
         return;
@@ -44,6 +46,7 @@ void KelvaneApp::onPushReceived(const Json& data, std::shared_ptr<KelvaneService
 
 void KelvaneApp::newHandle(const Json& data, std::shared_ptr<KelvaneService> with,
                            std::optional<std::string> encryptionKey) {
+    KELVANE_ASSERT_ON_QUEUE(*Queue::main());
     auto storyboard = Storyboard::named(kMainStoryboard, kSdkBundleIdentifier);
     auto presenter = customView();
     auto controller =
