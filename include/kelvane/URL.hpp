@@ -50,6 +50,7 @@ public:
     bool operator==(const URL&) const = default;
 
 private:
+    friend class URLComponents;
     explicit URL(std::string text) : text_(std::move(text)) {}
     std::string text_;
 };
@@ -90,6 +91,13 @@ public:
     std::optional<URL> url() const;
 
 private:
+    friend class URL;
+    // One parse of the text into its parts; nothing when it is no URI reference.
+    static std::optional<URLComponents> parse(std::string_view text);
+    static bool isURIReference(std::string_view text);
+    // The parts put together without checking the result.
+    std::optional<std::string> assemble() const;
+
     std::optional<std::string> scheme_;
     std::optional<std::string> userInfo_;
     std::optional<std::string> host_;

@@ -147,11 +147,10 @@ void WebViewController::extractTransaction(const Json& transaction) {
 }
 
 void WebViewController::newLoadWebView(const std::string& url) {
-    auto address = URL::make(url);
-    platform::URLRequest request{forceUnwrap(address)};
-    (void)request;
-    // Connecting the status socket, reporting the start and loading the page follow here once
-    // the session socket exists.
+    // A page address that is no URL stops here.
+    forceUnwrap(URL::make(url));
+    // Building the request, connecting the status socket, reporting the start and loading
+    // the page follow here once the session socket exists.
 }
 
 void WebViewController::customDismiss(CloseReason resultModel, const std::shared_ptr<KelvaneService>& delegate) {

@@ -100,13 +100,8 @@ std::optional<std::string> removingPercentEncoding(std::string_view text) {
 }
 
 std::optional<URL> URL::make(std::string_view text) {
-    if (text.empty()) return std::nullopt;
-    if (!boost::urls::parse_uri_reference(text)) return std::nullopt;
-    URL url{std::string(text)};
-    // The parser lets "http://host:rest/path" through with "rest/path" as the path after an
-    // authority, which no URI has; the parts must put the text back together.
-    if (URLComponents::make(url).string() != url.text_) return std::nullopt;
-    return url;
+    if (text.empty() || !URLComponents::isURIReference(text)) return std::nullopt;
+    return URL(std::string(text));
 }
 
 std::optional<std::string> URL::scheme() const { return URLComponents::make(*this).scheme(); }
@@ -132,17 +127,11 @@ std::string URL::pathExtension() const {
     return last.substr(dot + 1);
 }
 
-std::optional<URLComponents> URLComponents::make(std::string_view text) {
-    auto url = URL::make(text);
-    if (!url) return std::nullopt;
-    return make(*url);
-}
-
-URLComponents URLComponents::make(const URL& url) {
-    URLComponents parts;
-    // The text was checked when the URL was made.
-    auto parsed = boost::urls::parse_uri_reference(url.absoluteString());
+std::optional<URLComponents> URLComponents::parse(std::string_view text) {
+    auto parsed = boost::urls::parse_uri_reference(text);
+    if (!parsed) return std::nullopt;
     const boost::urls::url_view& view = *parsed;
+    URLComponents parts;
     if (view.has_scheme()) parts.scheme_ = std::string(view.scheme());
     if (view.has_authority()) {
         if (view.has_userinfo()) parts.userInfo_ = std::string(view.encoded_userinfo());
@@ -153,6 +142,23 @@ URLComponents URLComponents::make(const URL& url) {
     if (view.has_query()) parts.query_ = std::string(view.encoded_query());
     if (view.has_fragment()) parts.fragment_ = std::string(view.encoded_fragment());
     return parts;
+}
+
+bool URLComponents::isURIReference(std::string_view text) {
+    // The parser lets "http://host:rest/path" through with "rest/path" as the path after an
+    // authority, which no URI has; the parts must put the text back together.
+    auto parts = parse(text);
+    return parts && parts->assemble() == text;
+}
+
+std::optional<URLComponents> URLComponents::make(std::string_view text) {
+    if (!URL::make(text)) return std::nullopt;
+    return parse(text);
+}
+
+URLComponents URLComponents::make(const URL& url) {
+    // The text was checked when the URL was made.
+    return *parse(url.absoluteString());
 }
 
 std::optional<std::string> URLComponents::host() const {
@@ -210,7 +216,7 @@ void URLComponents::setQueryItems(const std::optional<std::vector<URLQueryItem>>
     query_ = std::move(query);
 }
 
-std::optional<std::string> URLComponents::string() const {
+std::optional<std::string> URLComponents::assemble() const {
     std::string text;
     if (scheme_) {
         if (scheme_->empty()) return std::nullopt;
@@ -242,8 +248,13 @@ std::optional<std::string> URLComponents::string() const {
         text += '#';
         text += *fragment_;
     }
+    return text;
+}
+
+std::optional<std::string> URLComponents::string() const {
+    auto text = assemble();
     // What does not parse back, such as a scheme with a forbidden character, makes no URL.
-    if (!text.empty() && !boost::urls::parse_uri_reference(text)) return std::nullopt;
+    if (text && !text->empty() && !isURIReference(*text)) return std::nullopt;
     return text;
 }
 
@@ -251,7 +262,7 @@ std::optional<URL> URLComponents::url() const {
     auto text = string();
     if (!text) return std::nullopt;
     if (text->empty()) return std::nullopt;
-    return URL::make(*text);
+    return URL(std::move(*text));
 }
 
 }  // namespace kelvane

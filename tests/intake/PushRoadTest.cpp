@@ -13,9 +13,12 @@ const std::string kKeyHex = "2b7e151628aed2a6abf7158809cf4f3c";
 const std::vector<std::string> kNothing;
 
 // The AES key as hosts hold it (unpadded base64) and a payload sealed by the command line.
-std::string hostKey() {
-    std::string key = kelvane::testing::run("printf '%s' " + kKeyHex + " | xxd -r -p | openssl base64 -A");
-    while (!key.empty() && key.back() == '=') key.pop_back();
+const std::string& hostKey() {
+    static const std::string key = [] {
+        std::string text = kelvane::testing::run("printf '%s' " + kKeyHex + " | xxd -r -p | openssl base64 -A");
+        while (!text.empty() && text.back() == '=') text.pop_back();
+        return text;
+    }();
     return key;
 }
 
