@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -73,6 +74,8 @@ public:
     void setScheme(std::optional<std::string> scheme) { scheme_ = std::move(scheme); }
     std::optional<std::string> host() const;
     void setHost(const std::optional<std::string>& host);
+    // The port as written, when it is a decimal number (of any size).
+    std::optional<std::uint64_t> port() const;
     std::string path() const;
     void setPath(std::string_view path);
     const std::optional<std::string>& percentEncodedQuery() const { return query_; }

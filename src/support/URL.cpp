@@ -166,6 +166,16 @@ std::optional<std::string> URLComponents::host() const {
     return decodeLoosely(*host_);
 }
 
+std::optional<std::uint64_t> URLComponents::port() const {
+    if (!port_ || port_->empty() || port_->size() > 19) return std::nullopt;
+    std::uint64_t value = 0;
+    for (char c : *port_) {
+        if (c < '0' || c > '9') return std::nullopt;
+        value = value * 10 + static_cast<std::uint64_t>(c - '0');
+    }
+    return value;
+}
+
 void URLComponents::setHost(const std::optional<std::string>& host) {
     if (!host) {
         host_.reset();

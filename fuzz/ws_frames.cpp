@@ -1,0 +1,112 @@
+// Frames off the wire into messages. The first byte sets compression (bit 0), the server
+// side (bit 1) and the size of the reads (the rest); the bytes after it are the stream.
+// Whole and in reads, the same stream must give the same events up to the framer's first
+// failure.
+#include <kelvane/Log.hpp>
+
+#include "websocket/Compression.hpp"
+#include "websocket/Framer.hpp"
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+using namespace kelvane;
+using namespace kelvane::websocket;
+
+namespace {
+
+void check(bool holds) {
+    if (!holds) std::abort();
+}
+
+struct Recorded {
+    bool framerFailure = false;
+    FrameCollector::Event::Kind kind{};
+    std::string text;
+    Bytes data;
+    WSError error;
+    std::uint16_t code = 0;
+    bool operator==(const Recorded&) const = default;
+};
+
+struct Pipeline : FramerEventClient, FrameCollector::Delegate {
+    std::shared_ptr<WSFramer> framer;
+    FrameCollector collector;
+    WSCompression compression;
+    std::vector<Recorded> events;
+    bool failed = false;
+
+    static std::shared_ptr<Pipeline> make(bool compressed, bool isServer) {
+        auto pipeline = std::make_shared<Pipeline>();
+        pipeline->framer = std::make_shared<WSFramer>(isServer);
+        pipeline->framer->registerDelegate(pipeline);
+        pipeline->framer->updateCompression(compressed);
+        pipeline->collector.setDelegate(pipeline);
+        if (compressed) pipeline->compression.load({{"Sec-WebSocket-Extensions", "permessage-deflate; server_max_window_bits=15"}});
+        return pipeline;
+    }
+    void frameProcessed(FrameEvent event) override {
+        if (failed) return;  // past this point reads in pieces and whole reads part ways
+        if (event.isError) {
+            failed = true;
+            events.push_back(Recorded{true, {}, {}, {}, event.error, 0});
+            return;
+        }
+        check(event.frame.payload.size() == event.frame.payloadLength);
+        collector.add(std::move(event.frame));
+    }
+    void didForm(FrameCollector::Event event) override {
+        events.push_back(Recorded{false, event.kind, event.text, event.data, event.error, event.code});
+    }
+    std::optional<Bytes> decompress(ByteView data, bool isFinal) override { return compression.decompress(data, isFinal); }
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const bool quiet = (kelvane::setLogSink([](std::string_view) {}), true);
+    (void)quiet;
+    if (size == 0) return 0;
+    const bool compressed = data[0] & 1;
+    const bool isServer = data[0] & 2;
+    const std::size_t piece = (data[0] >> 2) + 1;
+    ByteView stream(data + 1, size - 1);
+
+    auto whole = Pipeline::make(compressed, isServer);
+    whole->framer->addInPlace(stream);
+    auto split = Pipeline::make(compressed, isServer);
+    for (std::size_t at = 0; at < stream.size(); at += piece) {
+        split->framer->addInPlace(stream.subspan(at, std::min(piece, stream.size() - at)));
+    }
+
+    if (whole->failed) {
+        check(split->events.size() >= whole->events.size());
+        check(std::equal(whole->events.begin(), whole->events.end(), split->events.begin()));
+    } else {
+        check(split->events == whole->events);
+        check(split->framer->bufferedBytes() == whole->framer->bufferedBytes());
+    }
+    check(whole->framer->bufferedBytes() <= stream.size());
+
+    // What we write reads back the same on the other side.
+    WSFramer writer(isServer);
+    WSFramer reader(!isServer);
+    auto frame = writer.createWriteFrame(FrameOpCode::binaryFrame, stream, false);
+    struct Last : FramerEventClient {
+        Bytes payload;
+        int count = 0;
+        void frameProcessed(FrameEvent event) override {
+            check(!event.isError);
+            payload = std::move(event.frame.payload);
+            ++count;
+        }
+    };
+    auto last = std::make_shared<Last>();
+    reader.registerDelegate(last);
+    reader.addInPlace(frame);
+    check(last->count == 1 && last->payload == Bytes(stream.begin(), stream.end()));
+    return 0;
+}

@@ -1,0 +1,70 @@
+#pragma once
+
+#include "websocket/Request.hpp"
+#include "websocket/WSError.hpp"
+
+#include <kelvane/Bytes.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <variant>
+
+namespace kelvane::websocket {
+
+// What the upgrade response came to.
+struct HTTPEvent {
+    bool success = false;
+    Headers headers;         // success
+    HTTPUpgradeError error;  // failure
+};
+
+class HTTPHandlerDelegate {
+public:
+    virtual ~HTTPHandlerDelegate() = default;
+    // Called inside parse(), on the caller's queue.
+    virtual void didReceiveHTTP(const HTTPEvent& event) = 0;
+};
+
+// The byte side of the handshake. Not thread-safe: one queue (the transport's) uses it.
+class HTTPHandler {
+public:
+    virtual ~HTTPHandler() = default;
+    virtual void registerDelegate(std::weak_ptr<HTTPHandlerDelegate> delegate) = 0;
+    // The request as bytes on the wire; empty when it cannot be written.
+    virtual Bytes convert(const Request& request) = 0;
+    // Takes one read of the response. Returns the offset just past the blank line that ends
+    // the header when this read holds it, else -1. Bytes behind the offset are frames.
+    virtual std::int64_t parse(ByteView data) = 0;
+};
+
+// The index just past the first CR LF CR LF in this read alone, or -1. After a mismatch the
+// byte is not looked at again as a possible start.
+std::int64_t findEndOfHTTP(ByteView data);
+
+// Keeps field names as the server spelled them.
+class FoundationHTTPHandler final : public HTTPHandler {
+public:
+    void registerDelegate(std::weak_ptr<HTTPHandlerDelegate> delegate) override { delegate_ = std::move(delegate); }
+    Bytes convert(const Request& request) override;
+    std::int64_t parse(ByteView data) override;
+
+private:
+    bool parseContent(ByteView data);
+    std::weak_ptr<HTTPHandlerDelegate> delegate_;
+    Bytes buffer_;
+};
+
+// Plain-text parsing; stores field names in lower case.
+class StringHTTPHandler final : public HTTPHandler {
+public:
+    void registerDelegate(std::weak_ptr<HTTPHandlerDelegate> delegate) override { delegate_ = std::move(delegate); }
+    Bytes convert(const Request& request) override;
+    std::int64_t parse(ByteView data) override;
+
+private:
+    bool parseContent(ByteView data);
+    std::weak_ptr<HTTPHandlerDelegate> delegate_;
+    Bytes buffer_;
+};
+
+}  // namespace kelvane::websocket

@@ -1,0 +1,69 @@
+#include "websocket/HTTPWSHeader.hpp"
+
+#include <kelvane/Base64.hpp>
+
+#include <openssl/rand.h>
+
+#include <array>
+#include <random>
+
+namespace kelvane::websocket {
+namespace {
+
+std::string lowercased(std::string text) {
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return text;
+}
+
+}  // namespace
+
+std::optional<URLParts> getParts(const URL& url) {
+    auto components = URLComponents::make(url);
+    auto host = components.host();
+    if (!host) return std::nullopt;
+    URLParts parts;
+    parts.host = std::move(*host);
+    auto scheme = lowercased(components.scheme().value_or(""));
+    parts.isTLS = scheme == "wss" || scheme == "https";
+    parts.port = components.port().value_or(parts.isTLS ? 443 : 80);
+    return parts;
+}
+
+namespace HTTPWSHeader {
+
+std::string generateWebSocketKey() {
+    std::array<std::uint8_t, 16> bytes{};
+    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
+        // OpenSSL without entropy is unheard of; the key only has to differ between handshakes.
+        std::random_device device;
+        std::uniform_int_distribution<int> byte(0, 255);
+        for (auto& b : bytes) b = static_cast<std::uint8_t>(byte(device));
+    }
+    return base64::encode(ByteView(bytes.data(), bytes.size()));
+}
+
+Request createUpgrade(const Request& request, bool supportsCompression, const std::string& secKeyValue) {
+    Request upgrade = request;
+    if (!request.url) return upgrade;
+    auto parts = getParts(*request.url);
+    if (!parts) return upgrade;
+    auto components = URLComponents::make(*request.url);
+
+    if (!upgrade.value(originName)) {
+        std::string origin = components.scheme().value_or("") + "://" + parts->host;
+        if (auto port = components.port()) origin += ":" + std::to_string(*port);
+        upgrade.setValue(std::move(origin), originName);
+    }
+    upgrade.setValue(upgradeValue, upgradeName);
+    upgrade.setValue(connectionValue, connectionName);
+    upgrade.setValue(versionValue, versionName);
+    upgrade.setValue(secKeyValue, keyName);
+    if (supportsCompression) upgrade.setValue(compressionOffer, extensionName);
+    if (!upgrade.value(hostName)) upgrade.setValue(parts->host + ":" + std::to_string(parts->port), hostName);
+    return upgrade;
+}
+
+}  // namespace HTTPWSHeader
+}  // namespace kelvane::websocket
