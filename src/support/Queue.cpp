@@ -1,5 +1,7 @@
 #include <kelvane/Queue.hpp>
 
+#include "support/NetworkContext.hpp"
+
 #include <kelvane/Log.hpp>
 #include <kelvane/platform/Platform.hpp>
 
@@ -97,6 +99,8 @@ private:
 };
 
 }  // namespace
+
+asio::io_context& networkContext() { return NetworkRuntime::shared().context(); }
 
 void Queue::sync(Task task) {
     if (isCurrent()) {

@@ -1,0 +1,338 @@
+#include "websocket/HTTPWSHeader.hpp"
+#include "websocket/Transport.hpp"
+
+#include "support/NetworkContext.hpp"
+
+#include <kelvane/Fatal.hpp>
+
+#include <asio/connect.hpp>
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/post.hpp>
+#include <asio/ssl.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/strand.hpp>
+#include <asio/write.hpp>
+
+#include <atomic>
+#include <cmath>
+#include <deque>
+#include <mutex>
+
+namespace kelvane::websocket {
+
+using asio::ip::tcp;
+using Strand = asio::strand<asio::io_context::executor_type>;
+
+namespace {
+
+Error networkError(const asio::error_code& error) {
+    return Error{error.category().name(), error.value(), error.message()};
+}
+
+std::string unbracketed(std::string host) {
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') return host.substr(1, host.size() - 2);
+    return host;
+}
+
+}  // namespace
+
+// One attempt at a connection. Its handlers keep it alive while they are pending; everything
+// in it runs on the transport's strand.
+struct TCPTransport::Connection : std::enable_shared_from_this<Connection> {
+    enum class Phase { connecting, ready, ended };
+
+    Connection(Strand strand, bool tls) : resolver(strand), timer(strand), socket(strand) {
+        if (tls) {
+            context.emplace(asio::ssl::context::tls_client);
+            // The certificate is judged after the handshake, by the pinner or by our own
+            // evaluation, so that a pinner may answer later.
+            context->set_verify_mode(asio::ssl::verify_none);
+            stream.emplace(socket, *context);
+        }
+    }
+
+    void close() {
+        phase = Phase::ended;
+        asio::error_code ignored;
+        resolver.cancel();
+        timer.cancel();
+        socket.shutdown(tcp::socket::shutdown_both, ignored);
+        socket.close(ignored);
+    }
+
+    template <class Handler>
+    void readSome(Handler&& handler) {
+        if (stream) {
+            stream->async_read_some(asio::buffer(readBuffer), std::forward<Handler>(handler));
+        } else {
+            socket.async_read_some(asio::buffer(readBuffer), std::forward<Handler>(handler));
+        }
+    }
+
+    template <class Handler>
+    void writeAll(const Bytes& bytes, Handler&& handler) {
+        if (stream) {
+            asio::async_write(*stream, asio::buffer(bytes), std::forward<Handler>(handler));
+        } else {
+            asio::async_write(socket, asio::buffer(bytes), std::forward<Handler>(handler));
+        }
+    }
+
+    tcp::resolver resolver;
+    asio::steady_timer timer;
+    tcp::socket socket;
+    std::optional<asio::ssl::context> context;
+    std::optional<asio::ssl::stream<tcp::socket&>> stream;
+    std::array<std::uint8_t, 4096> readBuffer{};
+    std::deque<std::pair<Bytes, WriteCompletion>> writes;
+    bool writing = false;
+    Phase phase = Phase::connecting;
+};
+
+struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
+    Shared() : strand(asio::make_strand(networkContext())) {}
+
+    Strand strand;
+    std::mutex delegateMutex;
+    std::weak_ptr<TransportEventClient> delegate;
+    std::atomic<bool> isRunning{false};
+    std::atomic<bool> isTLS{false};
+    std::shared_ptr<Connection> connection;  // strand only
+
+    std::shared_ptr<TransportEventClient> currentDelegate() {
+        std::lock_guard lock(delegateMutex);
+        return delegate.lock();
+    }
+
+    void report(ConnectionState state) {
+        if (auto client = currentDelegate()) client->connectionChanged(std::move(state));
+    }
+
+    static ConnectionState failed(Failure error) {
+        ConnectionState state{ConnectionState::Kind::failed};
+        state.error = std::move(error);
+        return state;
+    }
+
+    bool current(const std::shared_ptr<Connection>& candidate) const {
+        return connection == candidate && candidate->phase != Connection::Phase::ended;
+    }
+
+    void fail(const std::shared_ptr<Connection>& candidate, Failure error) {
+        if (!current(candidate)) return;
+        candidate->close();
+        report(failed(std::move(error)));
+    }
+
+    void start(const std::shared_ptr<Connection>& candidate, std::string host, std::uint16_t port, long timeoutSeconds,
+               std::shared_ptr<CertificatePinning> pinner) {
+        std::weak_ptr<Shared> weak = weak_from_this();
+        if (timeoutSeconds > 0) {
+            candidate->timer.expires_after(std::chrono::seconds(timeoutSeconds));
+            candidate->timer.async_wait([weak, candidate](const asio::error_code& error) {
+                auto self = weak.lock();
+                if (error || !self || candidate->phase != Connection::Phase::connecting) return;
+                self->fail(candidate, Error{"kelvane.transport", ETIMEDOUT, "The operation timed out."});
+            });
+        }
+        candidate->resolver.async_resolve(
+            host, std::to_string(port),
+            [weak, candidate, host, pinner](const asio::error_code& error, const tcp::resolver::results_type& results) {
+                auto self = weak.lock();
+                if (!self || !self->current(candidate)) return;
+                if (error) return self->fail(candidate, networkError(error));
+                asio::async_connect(candidate->socket, results,
+                                    [weak, candidate, host, pinner](const asio::error_code& error, const tcp::endpoint&) {
+                                        auto self = weak.lock();
+                                        if (!self || !self->current(candidate)) return;
+                                        if (error) return self->fail(candidate, networkError(error));
+                                        asio::error_code ignored;
+                                        candidate->socket.set_option(tcp::no_delay(true), ignored);
+                                        if (candidate->stream) {
+                                            self->handshake(candidate, host, pinner);
+                                        } else {
+                                            self->ready(candidate);
+                                        }
+                                    });
+            });
+    }
+
+    void handshake(const std::shared_ptr<Connection>& candidate, const std::string& host,
+                   std::shared_ptr<CertificatePinning> pinner) {
+        asio::error_code notAnAddress;
+        asio::ip::make_address(host, notAnAddress);
+        if (notAnAddress) SSL_set_tlsext_host_name(candidate->stream->native_handle(), host.c_str());
+        std::weak_ptr<Shared> weak = weak_from_this();
+        candidate->stream->async_handshake(
+            asio::ssl::stream_base::client, [weak, candidate, host, pinner](const asio::error_code& error) {
+                auto self = weak.lock();
+                if (!self || !self->current(candidate)) return;
+                if (error) return self->fail(candidate, networkError(error));
+                self->judge(candidate, host, pinner);
+            });
+    }
+
+    void judge(const std::shared_ptr<Connection>& candidate, const std::string& host,
+               const std::shared_ptr<CertificatePinning>& pinner) {
+        std::vector<Bytes> chain;
+        if (STACK_OF(X509)* certificates = SSL_get_peer_cert_chain(candidate->stream->native_handle())) {
+            for (int i = 0; i < sk_X509_num(certificates); ++i) {
+                unsigned char* der = nullptr;
+                int length = i2d_X509(sk_X509_value(certificates, i), &der);
+                if (length <= 0) continue;
+                chain.emplace_back(der, der + length);
+                OPENSSL_free(der);
+            }
+        }
+        ServerTrust trust(std::move(chain));
+        if (!pinner) {
+            if (auto refusal = trust.evaluate(host)) {
+                return fail(candidate, Error{"kelvane.tls", static_cast<int>(SecurityErrorCode::pinningFailed),
+                                             "certificate refused for " + host + ": " + *refusal});
+            }
+            return ready(candidate);
+        }
+        std::weak_ptr<Shared> weak = weak_from_this();
+        pinner->evaluateTrust(trust, host, [weak, candidate, host](PinningState state) {
+            auto self = weak.lock();
+            if (!self) return;
+            asio::post(self->strand, [weak, candidate, host, state = std::move(state)] {
+                auto self = weak.lock();
+                if (!self || !self->current(candidate)) return;
+                if (state.success) return self->ready(candidate);
+                self->fail(candidate, state.error.value_or(Error{"kelvane.tls",
+                                                                 static_cast<int>(SecurityErrorCode::pinningFailed),
+                                                                 "certificate refused for " + host}));
+            });
+        });
+    }
+
+    void ready(const std::shared_ptr<Connection>& candidate) {
+        candidate->phase = Connection::Phase::ready;
+        candidate->timer.cancel();
+        report(ConnectionState{ConnectionState::Kind::connected});
+        readLoop(candidate);
+    }
+
+    void readLoop(const std::shared_ptr<Connection>& candidate) {
+        if (!isRunning) return;
+        std::weak_ptr<Shared> weak = weak_from_this();
+        candidate->readSome([weak, candidate](const asio::error_code& error, std::size_t count) {
+            auto self = weak.lock();
+            if (!self || !self->current(candidate)) return;
+            if (count > 0) {
+                ConnectionState state{ConnectionState::Kind::receive};
+                state.data.assign(candidate->readBuffer.begin(), candidate->readBuffer.begin() + count);
+                self->report(std::move(state));
+            }
+            if (error == asio::error::eof || error == asio::ssl::error::stream_truncated) {
+                if (self->currentDelegate()) {
+                    self->report(ConnectionState{ConnectionState::Kind::peerClosed});
+                } else {
+                    self->cut();
+                }
+                return;
+            }
+            if (error) {
+                if (self->isRunning && self->current(candidate)) self->fail(candidate, networkError(error));
+                return;
+            }
+            self->readLoop(candidate);
+        });
+    }
+
+    void cut() {
+        isRunning = false;
+        auto ended = std::move(connection);
+        if (!ended) return;
+        ended->close();
+        // The write in flight ends by itself, aborted; the ones behind it never started.
+        std::size_t keep = ended->writing ? 1 : 0;
+        auto unstarted = ended->writes.begin() + static_cast<std::ptrdiff_t>(std::min(keep, ended->writes.size()));
+        for (auto it = unstarted; it != ended->writes.end(); ++it) {
+            if (!it->second) continue;
+            asio::post(strand, [done = std::move(it->second)] {
+                done(Error{"kelvane.transport", ECANCELED, "Operation canceled"});
+            });
+        }
+        ended->writes.erase(unstarted, ended->writes.end());
+        report(ConnectionState{ConnectionState::Kind::cancelled});
+    }
+
+    void write(Bytes data, WriteCompletion completion) {
+        if (!connection) return;
+        connection->writes.emplace_back(std::move(data), std::move(completion));
+        if (!connection->writing) writeNext(connection);
+    }
+
+    void writeNext(const std::shared_ptr<Connection>& candidate) {
+        if (candidate->writes.empty() || candidate->phase == Connection::Phase::ended) {
+            candidate->writing = false;
+            return;
+        }
+        candidate->writing = true;
+        std::weak_ptr<Shared> weak = weak_from_this();
+        candidate->writeAll(candidate->writes.front().first, [weak, candidate](const asio::error_code& error, std::size_t) {
+            auto completion = std::move(candidate->writes.front().second);
+            candidate->writes.pop_front();
+            candidate->writing = false;
+            if (completion) completion(error ? std::optional<Failure>(networkError(error)) : std::nullopt);
+            if (auto self = weak.lock()) self->writeNext(candidate);
+        });
+    }
+};
+
+TCPTransport::TCPTransport() : shared_(std::make_shared<Shared>()) {}
+
+TCPTransport::~TCPTransport() {
+    shared_->isRunning = false;
+    asio::post(shared_->strand, [shared = shared_] {
+        if (shared->connection) shared->connection->close();
+        shared->connection.reset();
+    });
+}
+
+void TCPTransport::registerDelegate(std::weak_ptr<TransportEventClient> delegate) {
+    std::lock_guard lock(shared_->delegateMutex);
+    shared_->delegate = std::move(delegate);
+}
+
+long TCPTransport::connectionTimeoutSeconds(double timeout) {
+    if (!(timeout > 0)) return 0;
+    return static_cast<long>(std::ceil(timeout));
+}
+
+void TCPTransport::connect(const URL& url, double timeout, std::shared_ptr<CertificatePinning> certificatePinning) {
+    auto parts = getParts(url);
+    if (!parts) {
+        asio::post(shared_->strand, [shared = shared_] { shared->report(Shared::failed(TCPTransportError::invalidRequest)); });
+        return;
+    }
+    shared_->isTLS = parts->isTLS;
+    if (parts->port > 0xFFFF) fatalStop("Not enough bits to represent the passed value");
+    auto port = static_cast<std::uint16_t>(parts->port);
+    auto seconds = connectionTimeoutSeconds(timeout);
+    shared_->isRunning = true;
+    asio::post(shared_->strand, [shared = shared_, host = unbracketed(parts->host), port, seconds, tls = parts->isTLS,
+                                 pinner = std::move(certificatePinning)] {
+        if (shared->connection) shared->connection->close();
+        shared->connection = std::make_shared<Connection>(shared->strand, tls);
+        shared->start(shared->connection, host, port, seconds, pinner);
+    });
+}
+
+void TCPTransport::disconnect() {
+    shared_->isRunning = false;
+    asio::post(shared_->strand, [shared = shared_] { shared->cut(); });
+}
+
+void TCPTransport::write(Bytes data, WriteCompletion completion) {
+    asio::post(shared_->strand, [shared = shared_, data = std::move(data), completion = std::move(completion)]() mutable {
+        shared->write(std::move(data), std::move(completion));
+    });
+}
+
+bool TCPTransport::usingTLS() const { return shared_->isTLS; }
+
+}  // namespace kelvane::websocket

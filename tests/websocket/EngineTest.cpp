@@ -1,0 +1,247 @@
+// The engine over a transport the test drives: handshake, write gating, control frames and
+// the close road, with every byte the engine writes read back as a server would.
+#include "EventRecorder.hpp"
+#include "FakeTransport.hpp"
+
+#include "websocket/Compression.hpp"
+#include "websocket/Engine.hpp"
+#include "websocket/Security.hpp"
+#include "websocket/WebSocket.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <regex>
+
+namespace kelvane::websocket {
+namespace {
+
+using testing::EventRecorder;
+using testing::FakeTransport;
+using Kind = WebSocketEvent::Kind;
+
+Bytes bytes(std::string_view text) { return Bytes(text.begin(), text.end()); }
+
+Bytes serverFrame(std::uint8_t first, std::string_view payload) {
+    Bytes frame{first, static_cast<std::uint8_t>(payload.size())};
+    frame.insert(frame.end(), payload.begin(), payload.end());
+    return frame;
+}
+
+struct Harness {
+    explicit Harness(bool deflate = false, std::string url = "ws://example.test/socket.io/?EIO=4") {
+        transport = std::make_shared<FakeTransport>();
+        engine = std::make_shared<WSEngine>(transport, nullptr, nullptr,
+                                            deflate ? std::make_shared<WSCompression>() : nullptr);
+        Request request(URL::make(url), 7);
+        request.setValue("42", "chatcode");
+        socket = std::make_shared<WebSocket>(request, engine);
+        socket->delegate = recorder;
+        socket->callbackQueue = Queue::makeSerial("test.callbacks");
+        socket->connect();
+    }
+
+    std::string upgradeRequest() {
+        std::lock_guard lock(transport->mutex_);
+        return transport->writes.empty() ? "" : std::string(asText(transport->writes[0].data));
+    }
+
+    std::string key() {
+        std::smatch match;
+        std::string request = upgradeRequest();
+        if (!std::regex_search(request, match, std::regex("Sec-WebSocket-Key: ([^\r]+)\r\n"))) return "";
+        return match[1];
+    }
+
+    // Opens the connection: transport up, the server's answer (and whatever rides with it).
+    void open(const std::string& extraFields = "", Bytes trailing = {}) {
+        transport->deliver(ConnectionState{ConnectionState::Kind::connected});
+        std::string response = "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                               "Sec-WebSocket-Accept: " + acceptValue(key()) + "\r\n" + extraFields + "\r\n";
+        Bytes data = bytes(response);
+        data.insert(data.end(), trailing.begin(), trailing.end());
+        transport->deliverBytes(std::move(data));
+    }
+
+    std::size_t writeCount() {
+        std::lock_guard lock(transport->mutex_);
+        return transport->writes.size();
+    }
+
+    std::shared_ptr<FakeTransport> transport;
+    std::shared_ptr<WSEngine> engine;
+    std::shared_ptr<EventRecorder> recorder = std::make_shared<EventRecorder>();
+    std::shared_ptr<WebSocket> socket;
+};
+
+TEST(WSEngineHandshake, StartsOnceAndWritesTheUpgradeRequest) {
+    Harness h(true, "ws://example.test/socket.io/?EIO=4&transport=websocket");
+    h.engine->start(Request(URL::make("ws://other.test/")));
+    ASSERT_EQ(h.transport->connects.size(), 1u);
+    EXPECT_EQ(h.transport->connects[0].url, "ws://example.test/socket.io/?EIO=4&transport=websocket");
+    EXPECT_EQ(h.transport->connects[0].timeout, 7);
+    EXPECT_TRUE(h.engine->flags().isConnecting);
+
+    h.transport->deliver(ConnectionState{ConnectionState::Kind::connected});
+    std::string request = h.upgradeRequest();
+    EXPECT_EQ(request.rfind("GET /socket.io/?EIO=4&transport=websocket HTTP/1.1\r\n", 0), 0u) << request;
+    for (const char* field : {"chatcode: 42\r\n", "Host: example.test:80\r\n", "Origin: ws://example.test\r\n",
+                              "Upgrade: websocket\r\n", "Connection: Upgrade\r\n", "Sec-WebSocket-Version: 13\r\n",
+                              "Sec-WebSocket-Extensions: permessage-deflate; client_max_window_bits; "
+                              "server_max_window_bits=15\r\n"}) {
+        EXPECT_NE(request.find(field), std::string::npos) << field << " missing in\n" << request;
+    }
+    EXPECT_EQ(h.key().size(), 24u);
+    EXPECT_EQ(request.substr(request.size() - 4), "\r\n\r\n");
+
+    auto engine = std::make_shared<WSEngine>(std::make_shared<FakeTransport>());
+    engine->start(Request{});
+    EXPECT_FALSE(engine->flags().isConnecting);
+}
+
+TEST(WSEngineHandshake, FramesInTheSameReadAsTheAnswerFollowTheConnectedEvent) {
+    Harness h;
+    Bytes frames = serverFrame(0x81, "hello");
+    Bytes second = serverFrame(0x82, "\x01\x02");
+    frames.insert(frames.end(), second.begin(), second.end());
+    h.open("X-Server: yes\r\n", frames);
+    ASSERT_TRUE(h.recorder->waitForKind(Kind::binary));
+    EXPECT_EQ(h.recorder->kinds(), (std::vector<std::string>{"connected", "text", "binary"}));
+    auto events = h.recorder->events();
+    EXPECT_EQ(events[0].headers.at("X-Server"), "yes");
+    EXPECT_EQ(events[1].text, "hello");
+    EXPECT_EQ(events[2].data, (Bytes{1, 2}));
+    auto flags = h.engine->flags();
+    EXPECT_TRUE(flags.canSend && flags.didUpgrade && !flags.isConnecting);
+}
+
+TEST(WSEngineHandshake, RefusedAnswersReportAnErrorAndLeaveTheEngineConnecting) {
+    {
+        Harness h;
+        h.transport->deliver(ConnectionState{ConnectionState::Kind::connected});
+        h.transport->deliverBytes(bytes("HTTP/1.1 101 Switching Protocols\r\nSec-WebSocket-Accept: bad\r\n\r\n"));
+        ASSERT_TRUE(h.recorder->waitForKind(Kind::error));
+        auto error = std::get<WSError>(*h.recorder->events()[0].error);
+        EXPECT_EQ(error, (WSError{ErrorType::securityError, "accept header doesn't match", 1}));
+        EXPECT_TRUE(h.engine->flags().isConnecting);
+        EXPECT_EQ(h.transport->disconnects, 0);
+    }
+    {
+        Harness h;
+        ConnectionState failed{ConnectionState::Kind::failed};
+        failed.error = Error{"test", 61, "refused"};
+        h.transport->deliver(failed);
+        ASSERT_TRUE(h.recorder->waitForKind(Kind::error));
+        EXPECT_EQ(std::get<Error>(*h.recorder->events()[0].error).code, 61);
+        // The close frame of the failure went nowhere; a new start is refused.
+        h.engine->start(Request(URL::make("ws://example.test/")));
+        EXPECT_EQ(h.transport->connects.size(), 1u);
+        EXPECT_EQ(h.writeCount(), 0u);
+    }
+}
+
+TEST(WSEngineWrites, AWriteBeforeTheUpgradeIsDroppedWithItsCompletion) {
+    Harness h;
+    std::atomic<bool> earlyDone{false}, lateDone{false};
+    h.socket->write(std::string("early"), [&] { earlyDone = true; });
+    h.open();
+    h.socket->write(std::string("late"), [&] { lateDone = true; });
+    ASSERT_TRUE(h.transport->waitFor([&] { return lateDone.load(); }));
+    EXPECT_FALSE(earlyDone);
+    auto frames = h.transport->framesWritten();
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(asText(frames[0].payload), "late");
+    EXPECT_TRUE(frames[0].masked);
+    EXPECT_EQ(frames[0].opcode, FrameOpCode::textFrame);
+}
+
+TEST(WSEngineWrites, PingsAreAnsweredWithTheirPayloadUnlessTurnedOff) {
+    Harness h;
+    h.open();
+    h.transport->deliverBytes(Bytes{0x89, 0x00});
+    h.transport->deliverBytes(serverFrame(0x89, "hi"));
+    ASSERT_TRUE(h.recorder->waitForKind(Kind::ping, 2));
+    ASSERT_TRUE(h.transport->waitFor([&] { return h.transport->writes.size() == 3; }));
+    auto frames = h.transport->framesWritten();
+    EXPECT_EQ(frames[0].opcode, FrameOpCode::pong);
+    EXPECT_TRUE(frames[0].payload.empty());
+    EXPECT_EQ(asText(frames[1].payload), "hi");
+    EXPECT_EQ(h.recorder->events()[1].payload, Bytes{});
+
+    h.socket->setRespondToPingWithPong(false);
+    EXPECT_FALSE(h.socket->respondToPingWithPong());
+    h.transport->deliverBytes(serverFrame(0x89, "quiet"));
+    ASSERT_TRUE(h.recorder->waitForKind(Kind::ping, 3));
+    std::atomic<bool> markerDone{false};
+    h.socket->write(std::string("marker"), [&] { markerDone = true; });
+    ASSERT_TRUE(h.transport->waitFor([&] { return markerDone.load(); }));
+    frames = h.transport->framesWritten();
+    ASSERT_EQ(frames.size(), 3u);
+    EXPECT_EQ(asText(frames[2].payload), "marker");
+}
+
+TEST(WSEngineClose, AServerCloseIsReportedThenEchoedThenTheTransportIsCut) {
+    Harness h;
+    h.open();
+    Bytes close{0x88, 5, 0x03, 0xE9, 'b', 'y', 'e'};
+    h.transport->deliverBytes(close);
+    ASSERT_TRUE(h.transport->waitFor([&] { return h.transport->disconnects == 1; }));
+    ASSERT_TRUE(h.recorder->waitForKind(Kind::disconnected));
+    auto event = h.recorder->events()[1];
+    EXPECT_EQ(event.text, "bye");
+    EXPECT_EQ(event.code, 1001);
+    auto frames = h.transport->framesWritten();
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].opcode, FrameOpCode::connectionClose);
+    EXPECT_EQ(frames[0].closeCode(), 1001);
+    auto flags = h.engine->flags();
+    EXPECT_FALSE(flags.canSend || flags.didUpgrade || flags.isConnecting);
+}
+
+TEST(WSEngineClose, DisconnectCutsTheTransportEvenWhenTheCloseFrameFails) {
+    Harness h;
+    h.open();
+    h.transport->completeWritesAtOnce = false;
+    h.socket->disconnect(4000);
+    ASSERT_TRUE(h.transport->waitFor([&] { return h.transport->writes.size() == 2; }));
+    EXPECT_EQ(h.transport->disconnects, 0);
+    h.transport->completeWrite(1, Error{"test", 32, "broken pipe"});
+    EXPECT_EQ(h.transport->disconnects, 1);
+    EXPECT_EQ(h.transport->framesWritten()[0].closeCode(), 4000);
+    EXPECT_FALSE(h.engine->flags().canSend);
+}
+
+TEST(WSEngineClose, ProtocolErrorsSendA1002CloseAndReportTheError) {
+    Harness h;
+    h.open();
+    h.transport->deliverBytes(Bytes{0x83, 0x00});
+    ASSERT_TRUE(h.transport->waitFor([&] { return h.transport->disconnects == 1; }));
+    ASSERT_TRUE(h.recorder->waitForKind(Kind::error));
+    EXPECT_EQ(std::get<WSError>(*h.recorder->events()[1].error),
+              (WSError{ErrorType::protocolError, "unknown opcode: 3", 1002}));
+    EXPECT_EQ(h.transport->framesWritten()[0].closeCode(), 1002);
+}
+
+TEST(WSEngineDeflate, EveryWriteIsOfferedToTheCompressorControlFramesToo) {
+    Harness h(true);
+    h.open("Sec-WebSocket-Extensions: permessage-deflate; client_no_context_takeover\r\n");
+    h.transport->deliverBytes(serverFrame(0x89, "abc"));
+    ASSERT_TRUE(h.recorder->waitForKind(Kind::ping));
+    std::atomic<bool> done{false};
+    h.socket->write(std::string("hello hello hello"), [&] { done = true; });
+    ASSERT_TRUE(h.transport->waitFor([&] { return done.load(); }));
+    auto frames = h.transport->framesWritten();
+    ASSERT_EQ(frames.size(), 2u);
+    Decompressor inflater(15);
+    for (const auto& [frame, text] : {std::pair{frames[0], "abc"}, std::pair{frames[1], "hello hello hello"}}) {
+        auto inflated = inflater.decompress(frame.payload, true);
+        ASSERT_TRUE(std::holds_alternative<Bytes>(inflated));
+        EXPECT_EQ(asText(std::get<Bytes>(inflated)), text);
+    }
+    // RSV1 marks both, the pong included.
+    EXPECT_TRUE(frames[0].rsv1 && frames[0].fin && frames[0].opcode == FrameOpCode::pong);
+    EXPECT_TRUE(frames[1].rsv1 && frames[1].fin && frames[1].opcode == FrameOpCode::textFrame);
+}
+
+}  // namespace
+}  // namespace kelvane::websocket
