@@ -71,10 +71,6 @@ Bytes requestBytes(const Request& request) {
     return out;
 }
 
-void deliver(const std::weak_ptr<HTTPHandlerDelegate>& delegate, const HTTPEvent& event) {
-    if (auto alive = delegate.lock()) alive->didReceiveHTTP(event);
-}
-
 HTTPEvent failure(HTTPUpgradeError error) {
     HTTPEvent event;
     event.error = std::move(error);
@@ -91,16 +87,6 @@ HTTPEvent outcome(int status, Headers headers) {
     return event;
 }
 
-// Appends the header part of this read; the handler's buffer is emptied once it is understood.
-template <class Parse>
-std::int64_t parseRead(ByteView data, Bytes& buffer, Parse parseContent) {
-    auto offset = findEndOfHTTP(data);
-    auto taken = offset > 0 ? data.first(static_cast<std::size_t>(offset)) : data;
-    buffer.insert(buffer.end(), taken.begin(), taken.end());
-    if (parseContent(ByteView(buffer))) buffer.clear();
-    return offset;
-}
-
 }  // namespace
 
 std::int64_t findEndOfHTTP(ByteView data) {
@@ -115,10 +101,18 @@ std::int64_t findEndOfHTTP(ByteView data) {
     return -1;
 }
 
-Bytes FoundationHTTPHandler::convert(const Request& request) { return requestBytes(request); }
+Bytes BufferingHTTPHandler::convert(const Request& request) { return requestBytes(request); }
 
-std::int64_t FoundationHTTPHandler::parse(ByteView data) {
-    return parseRead(data, buffer_, [this](ByteView buffer) { return parseContent(buffer); });
+std::int64_t BufferingHTTPHandler::parse(ByteView data) {
+    auto offset = findEndOfHTTP(data);
+    auto taken = offset > 0 ? data.first(static_cast<std::size_t>(offset)) : data;
+    buffer_.insert(buffer_.end(), taken.begin(), taken.end());
+    if (parseContent(ByteView(buffer_))) buffer_.clear();
+    return offset;
+}
+
+void BufferingHTTPHandler::deliver(const HTTPEvent& event) {
+    if (auto delegate = delegate_.lock()) delegate->didReceiveHTTP(event);
 }
 
 bool FoundationHTTPHandler::parseContent(ByteView data) {
@@ -143,7 +137,7 @@ bool FoundationHTTPHandler::parseContent(ByteView data) {
         if (numeric && (rest.size() == 3 || rest[3] == ' ')) code = (digits[0] - '0') * 100 + (digits[1] - '0') * 10 + (digits[2] - '0');
     }
     if (!code) {
-        deliver(delegate_, failure(HTTPUpgradeError{}));
+        deliver(failure(HTTPUpgradeError{}));
         return true;
     }
 
@@ -156,20 +150,15 @@ bool FoundationHTTPHandler::parseContent(ByteView data) {
         auto [field, added] = headers.try_emplace(std::move(name), value);
         if (!added) field->second += ", " + value;
     }
-    deliver(delegate_, outcome(*code, std::move(headers)));
+    deliver(outcome(*code, std::move(headers)));
     return true;
 }
 
-Bytes StringHTTPHandler::convert(const Request& request) { return requestBytes(request); }
-
-std::int64_t StringHTTPHandler::parse(ByteView data) {
-    return parseRead(data, buffer_, [this](ByteView buffer) { return parseContent(buffer); });
-}
 
 bool StringHTTPHandler::parseContent(ByteView data) {
     auto text = asText(data);
     if (!isValidUTF8(text)) {
-        deliver(delegate_, failure(HTTPUpgradeError{}));
+        deliver(failure(HTTPUpgradeError{}));
         return true;
     }
     auto header = completeHeader(data);
@@ -186,7 +175,7 @@ bool StringHTTPHandler::parseContent(ByteView data) {
     }
     auto code = words.size() > 1 ? integer(words[1]) : std::nullopt;
     if (!code) {
-        deliver(delegate_, failure(HTTPUpgradeError{}));
+        deliver(failure(HTTPUpgradeError{}));
         return true;
     }
 
@@ -200,7 +189,7 @@ bool StringHTTPHandler::parseContent(ByteView data) {
         }
         headers[std::move(name)] = std::string(trimmed(all[i].substr(colon + 1)));
     }
-    deliver(delegate_, outcome(*code, std::move(headers)));
+    deliver(outcome(*code, std::move(headers)));
     return true;
 }
 

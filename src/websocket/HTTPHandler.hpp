@@ -41,30 +41,34 @@ public:
 // byte is not looked at again as a possible start.
 std::int64_t findEndOfHTTP(ByteView data);
 
-// Keeps field names as the server spelled them.
-class FoundationHTTPHandler final : public HTTPHandler {
+// What both response parsers share: the delegate, the request writer, and the buffer that
+// gathers the header across reads until parseContent() has understood it.
+class BufferingHTTPHandler : public HTTPHandler {
 public:
     void registerDelegate(std::weak_ptr<HTTPHandlerDelegate> delegate) override { delegate_ = std::move(delegate); }
     Bytes convert(const Request& request) override;
-    std::int64_t parse(ByteView data) override;
+    std::int64_t parse(ByteView data) final;
+
+protected:
+    // True when the buffer is done with (an event was delivered); false to wait for more.
+    virtual bool parseContent(ByteView data) = 0;
+    void deliver(const HTTPEvent& event);
 
 private:
-    bool parseContent(ByteView data);
     std::weak_ptr<HTTPHandlerDelegate> delegate_;
     Bytes buffer_;
 };
 
-// Plain-text parsing; stores field names in lower case.
-class StringHTTPHandler final : public HTTPHandler {
-public:
-    void registerDelegate(std::weak_ptr<HTTPHandlerDelegate> delegate) override { delegate_ = std::move(delegate); }
-    Bytes convert(const Request& request) override;
-    std::int64_t parse(ByteView data) override;
+// Keeps field names as the server spelled them.
+class FoundationHTTPHandler final : public BufferingHTTPHandler {
+protected:
+    bool parseContent(ByteView data) override;
+};
 
-private:
-    bool parseContent(ByteView data);
-    std::weak_ptr<HTTPHandlerDelegate> delegate_;
-    Bytes buffer_;
+// Plain-text parsing; stores field names in lower case.
+class StringHTTPHandler final : public BufferingHTTPHandler {
+protected:
+    bool parseContent(ByteView data) override;
 };
 
 }  // namespace kelvane::websocket

@@ -192,16 +192,7 @@ TEST(HTTPWSHeader, TakesURLsApartAndMakesKeys) {
     EXPECT_NE(key, HTTPWSHeader::generateWebSocketKey());
 }
 
-TEST(WSError, DescribesFailures) {
-    EXPECT_EQ(describe(WSError{ErrorType::protocolError, "bad", 1002}), "bad. code=1002, type=protocolError");
-    EXPECT_EQ(describe(WSError{ErrorType::compressionError, "z", 0}), "z. code=0, type=compressionError");
-    EXPECT_EQ(describe(HTTPUpgradeError{HTTPUpgradeError::Kind::notAnUpgrade, 403, {}}), "notAnUpgrade(403)");
-    EXPECT_EQ(describe(HTTPUpgradeError{}), "invalidData");
-    EXPECT_EQ(describe(TCPTransportError::invalidRequest), "invalidRequest");
-    EXPECT_EQ(describe(Error{"NSPOSIXErrorDomain", 61, "refused"}), "Error Domain=NSPOSIXErrorDomain Code=61 \"refused\"");
-    EXPECT_STREQ(errorTypeName(ErrorType::securityError), "securityError");
-    EXPECT_STREQ(errorTypeName(ErrorType::serverError), "serverError");
-
+TEST(Request, FieldNamesIgnoreCaseAndKeepTheirFirstSpelling) {
     Request request;
     request.setValue("1", "X-Token");
     request.setValue("2", "x-token");
