@@ -168,13 +168,18 @@ int main() {
         const std::string* message;
         int count, window;
     };
+    // Window 1 is one message in flight: the round trip, with no batching of reads.
     for (const Row& row : {Row{"100b", false, &small, 100000, 64}, Row{"100b_deflate", true, &small, 100000, 64},
+                           Row{"100b_one_in_flight", false, &small, 5000, 1},
+                           Row{"100b_deflate_one_in_flight", true, &small, 5000, 1},
                            Row{"64k", false, &large, 4000, 8}, Row{"64k_deflate", true, &large, 2000, 8}}) {
         int port = row.deflate ? deflating.port() : plain.port();
         Echo result = echo(port, row.deflate, *row.message, false, row.count, row.window);
-        std::printf("echo %-13s %10.0f msg/s  %8.2f us CPU/msg\n", row.name, result.perSecond, result.cpuMicrosPerMessage);
+        std::printf("echo %-27s %10.0f msg/s  %8.2f us CPU/msg\n", row.name, result.perSecond, result.cpuMicrosPerMessage);
         std::string name = std::string("ws_echo_") + row.name;
-        if (row.message == &small) {
+        if (row.window == 1) {
+            bench::figure(name + "_round_trip", 1e6 / result.perSecond, "us");
+        } else if (row.message == &small) {
             bench::figure(name + "_msgs", result.perSecond, "msg/s");
         } else {
             bench::figure(name + "_throughput", result.perSecond * row.message->size() / 1e6, "MB/s");
