@@ -154,7 +154,6 @@ bool FoundationHTTPHandler::parseContent(ByteView data) {
     return true;
 }
 
-
 bool StringHTTPHandler::parseContent(ByteView data) {
     auto text = asText(data);
     if (!isValidUTF8(text)) {
