@@ -219,62 +219,45 @@ struct RawInflate {
 
 // Messages of one stream in turn, one per iteration; a pass over all of them starts a fresh
 // pair of streams, set up outside the timing.
-void Deflate(benchmark::State& state, std::size_t size, bool raw) {
+enum class Way { deflate, inflate };
+
+void Zlib(benchmark::State& state, Way way, std::size_t size, bool raw) {
     auto messages = jsonMessages(size, size < 1024 ? 4096 : 64);
+    if (way == Way::inflate) {
+        Compressor compressor(15);
+        for (auto& message : messages) message = std::get<Bytes>(compressor.compress(message));
+    }
     std::unique_ptr<WSCompression> ours;
-    std::unique_ptr<RawDeflate> reference;
+    std::unique_ptr<RawDeflate> deflater;
+    std::unique_ptr<RawInflate> inflater;
     std::size_t next = 0;
     for (auto _ : state) {
         if (next == 0) {
             state.PauseTiming();
             ours = std::make_unique<WSCompression>();
             ours->load({{"Sec-WebSocket-Extensions", "permessage-deflate"}});
-            reference = std::make_unique<RawDeflate>();
+            deflater = std::make_unique<RawDeflate>();
+            inflater = std::make_unique<RawInflate>();
             state.ResumeTiming();
         }
-        if (raw) {
-            benchmark::DoNotOptimize(reference->compress(messages[next]));
+        const Bytes& message = messages[next];
+        if (way == Way::deflate) {
+            benchmark::DoNotOptimize(raw ? deflater->compress(message) : ours->compress(message));
         } else {
-            benchmark::DoNotOptimize(ours->compress(messages[next]));
+            benchmark::DoNotOptimize(raw ? inflater->decompress(message) : ours->decompress(message, true));
         }
         next = (next + 1) % messages.size();
     }
     state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
 }
-BENCHMARK_CAPTURE(Deflate, ours_100b, 100, false);
-BENCHMARK_CAPTURE(Deflate, raw_100b, 100, true);
-BENCHMARK_CAPTURE(Deflate, ours_64k, 64 * 1024, false);
-BENCHMARK_CAPTURE(Deflate, raw_64k, 64 * 1024, true);
-
-void Inflate(benchmark::State& state, std::size_t size, bool raw) {
-    auto messages = jsonMessages(size, size < 1024 ? 4096 : 64);
-    std::vector<Bytes> packed;
-    Compressor compressor(15);
-    for (const auto& message : messages) packed.push_back(std::get<Bytes>(compressor.compress(message)));
-    std::unique_ptr<WSCompression> ours;
-    std::unique_ptr<RawInflate> reference;
-    std::size_t next = 0;
-    for (auto _ : state) {
-        if (next == 0) {
-            state.PauseTiming();
-            ours = std::make_unique<WSCompression>();
-            ours->load({{"Sec-WebSocket-Extensions", "permessage-deflate"}});
-            reference = std::make_unique<RawInflate>();
-            state.ResumeTiming();
-        }
-        if (raw) {
-            benchmark::DoNotOptimize(reference->decompress(packed[next]));
-        } else {
-            benchmark::DoNotOptimize(ours->decompress(packed[next], true));
-        }
-        next = (next + 1) % packed.size();
-    }
-    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
-}
-BENCHMARK_CAPTURE(Inflate, ours_100b, 100, false);
-BENCHMARK_CAPTURE(Inflate, raw_100b, 100, true);
-BENCHMARK_CAPTURE(Inflate, ours_64k, 64 * 1024, false);
-BENCHMARK_CAPTURE(Inflate, raw_64k, 64 * 1024, true);
+BENCHMARK_CAPTURE(Zlib, Deflate/ours_100b, Way::deflate, 100, false);
+BENCHMARK_CAPTURE(Zlib, Deflate/raw_100b, Way::deflate, 100, true);
+BENCHMARK_CAPTURE(Zlib, Deflate/ours_64k, Way::deflate, 64 * 1024, false);
+BENCHMARK_CAPTURE(Zlib, Deflate/raw_64k, Way::deflate, 64 * 1024, true);
+BENCHMARK_CAPTURE(Zlib, Inflate/ours_100b, Way::inflate, 100, false);
+BENCHMARK_CAPTURE(Zlib, Inflate/raw_100b, Way::inflate, 100, true);
+BENCHMARK_CAPTURE(Zlib, Inflate/ours_64k, Way::inflate, 64 * 1024, false);
+BENCHMARK_CAPTURE(Zlib, Inflate/raw_64k, Way::inflate, 64 * 1024, true);
 
 }  // namespace
 
@@ -308,8 +291,8 @@ int main(int argc, char** argv) {
     }
     for (const char* pass : {"Deflate", "Inflate"}) {
         for (const char* size : {"100b", "64k"}) {
-            std::string ours = std::string(pass) + "/ours_" + size;
-            std::string raw = std::string(pass) + "/raw_" + size;
+            std::string ours = std::string("Zlib/") + pass + "/ours_" + size;
+            std::string raw = std::string("Zlib/") + pass + "/raw_" + size;
             if (!has({ours.c_str(), raw.c_str()})) continue;
             double overhead =
                 (results[ours].nanosecondsPerIteration / results[raw].nanosecondsPerIteration - 1.0) * 100.0;

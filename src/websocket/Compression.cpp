@@ -1,6 +1,7 @@
 #include "websocket/Compression.hpp"
 
-#include <charconv>
+#include "websocket/Text.hpp"
+
 #include <climits>
 #include <string_view>
 
@@ -40,22 +41,9 @@ bool drain(z_stream& strm, ByteView data, Bytef* buffer, std::size_t capacity, B
     return (result == Z_OK && strm.avail_out > 0) || (result == Z_BUF_ERROR && strm.avail_out == capacity);
 }
 
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-    return text;
-}
-
 // The window bits after "name=", when they are a whole integer.
 std::optional<long long> bitsParameter(std::string_view part) {
-    auto equals = part.find('=');
-    auto value = trimmed(part.substr(equals + 1));
-    if (!value.empty() && value.front() == '+') value.remove_prefix(1);
-    if (value.empty() || value.front() == '+') return std::nullopt;
-    long long bits = 0;
-    auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), bits);
-    if (error != std::errc() || end != value.data() + value.size()) return std::nullopt;
-    return bits;
+    return decimal<long long>(trimmed(part.substr(part.find('=') + 1)));
 }
 
 // A stream of the given window, or none when zlib (or int) cannot have it.

@@ -64,11 +64,8 @@ void FrameCollector::add(Frame frame) {
         payload = std::move(frame.payload);
     }
 
-    if (frameCount_ == 0 && frame.isFin) {
-        // A message of one frame: no need to pass through the buffer.
-        frameCount_ = 0;
-        buffer_.clear();
-    } else {
+    // A message of one frame skips the buffer.
+    if (frameCount_ > 0 || !frame.isFin) {
         buffer_.insert(buffer_.end(), payload.begin(), payload.end());
         ++frameCount_;
         if (!frame.isFin) return;

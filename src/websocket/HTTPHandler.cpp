@@ -1,9 +1,10 @@
 #include "websocket/HTTPHandler.hpp"
 
+#include "websocket/Text.hpp"
+
 #include <kelvane/URL.hpp>
 
 #include <algorithm>
-#include <charconv>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -12,12 +13,6 @@ namespace kelvane::websocket {
 namespace {
 
 constexpr std::string_view kEndOfHeader = "\r\n\r\n";
-
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-    return text;
-}
 
 // The header as text up to (not including) its blank line, or nothing while it is incomplete.
 std::optional<std::string_view> completeHeader(ByteView buffer) {
@@ -35,15 +30,6 @@ std::vector<std::string_view> lines(std::string_view header) {
         if (end == std::string_view::npos) return out;
         header.remove_prefix(end + 2);
     }
-}
-
-std::optional<int> integer(std::string_view text) {
-    if (!text.empty() && text.front() == '+') text.remove_prefix(1);
-    if (text.empty() || text.front() == '+') return std::nullopt;
-    int value = 0;
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
 }
 
 std::string percentEncodedPath(const URL& url) {
@@ -172,7 +158,7 @@ bool StringHTTPHandler::parseContent(ByteView data) {
         if (space == std::string_view::npos) break;
         first.remove_prefix(space + 1);
     }
-    auto code = words.size() > 1 ? integer(words[1]) : std::nullopt;
+    auto code = words.size() > 1 ? decimal<int>(words[1]) : std::nullopt;
     if (!code) {
         deliver(failure(HTTPUpgradeError{}));
         return true;
@@ -182,10 +168,7 @@ bool StringHTTPHandler::parseContent(ByteView data) {
     for (std::size_t i = 1; i < all.size(); ++i) {
         auto colon = all[i].find(':');
         if (colon == std::string_view::npos) break;
-        std::string name(trimmed(all[i].substr(0, colon)));
-        for (char& c : name) {
-            if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        }
+        std::string name = asciiLowercased(std::string(trimmed(all[i].substr(0, colon))));
         headers[std::move(name)] = std::string(trimmed(all[i].substr(colon + 1)));
     }
     deliver(outcome(*code, std::move(headers)));

@@ -1,5 +1,7 @@
 #include "websocket/HTTPWSHeader.hpp"
 
+#include "websocket/Text.hpp"
+
 #include <kelvane/Base64.hpp>
 
 #include <openssl/rand.h>
@@ -10,26 +12,20 @@
 namespace kelvane::websocket {
 namespace {
 
-std::string lowercased(std::string text) {
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return text;
-}
-
-}  // namespace
-
-std::optional<URLParts> getParts(const URL& url) {
-    auto components = URLComponents::make(url);
+std::optional<URLParts> partsOf(const URLComponents& components) {
     auto host = components.host();
     if (!host) return std::nullopt;
     URLParts parts;
     parts.host = std::move(*host);
-    auto scheme = lowercased(components.scheme().value_or(""));
+    auto scheme = asciiLowercased(components.scheme().value_or(""));
     parts.isTLS = scheme == "wss" || scheme == "https";
     parts.port = components.port().value_or(parts.isTLS ? 443 : 80);
     return parts;
 }
+
+}  // namespace
+
+std::optional<URLParts> getParts(const URL& url) { return partsOf(URLComponents::make(url)); }
 
 namespace HTTPWSHeader {
 
@@ -47,9 +43,9 @@ std::string generateWebSocketKey() {
 Request createUpgrade(const Request& request, bool supportsCompression, const std::string& secKeyValue) {
     Request upgrade = request;
     if (!request.url) return upgrade;
-    auto parts = getParts(*request.url);
-    if (!parts) return upgrade;
     auto components = URLComponents::make(*request.url);
+    auto parts = partsOf(components);
+    if (!parts) return upgrade;
 
     if (!upgrade.value(originName)) {
         std::string origin = components.scheme().value_or("") + "://" + parts->host;

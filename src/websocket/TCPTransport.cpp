@@ -39,7 +39,7 @@ std::string unbracketed(std::string host) {
 
 // One attempt at a connection. Its handlers keep it alive while they are pending; everything
 // in it runs on the transport's strand.
-struct TCPTransport::Connection : std::enable_shared_from_this<Connection> {
+struct TCPTransport::Connection {
     enum class Phase { connecting, ready, ended };
 
     Connection(Strand strand, bool tls) : resolver(strand), timer(strand), socket(strand) {
@@ -186,15 +186,13 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
             }
         }
         ServerTrust trust(std::move(chain));
-        if (!pinner) {
-            if (auto refusal = trust.evaluate(host)) {
-                return fail(candidate, Error{"kelvane.tls", static_cast<int>(SecurityErrorCode::pinningFailed),
-                                             "certificate refused for " + host + ": " + *refusal});
-            }
-            return ready(candidate);
-        }
+        // Without a pinner the system's store and the host name decide, as the default pinner does.
+        // Never destroyed: the network thread may still judge during exit.
+        static const auto& systemTrust =
+            *new std::shared_ptr<CertificatePinning>(std::make_shared<FoundationSecurity>(false));
+        const auto& decider = pinner ? pinner : systemTrust;
         std::weak_ptr<Shared> weak = weak_from_this();
-        pinner->evaluateTrust(trust, host, [weak, candidate, host](PinningState state) {
+        decider->evaluateTrust(trust, host, [weak, candidate, host](PinningState state) {
             auto self = weak.lock();
             if (!self) return;
             asio::post(self->strand, [weak, candidate, host, state = std::move(state)] {
@@ -235,7 +233,7 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
                 return;
             }
             if (error) {
-                if (self->isRunning && self->current(candidate)) self->fail(candidate, networkError(error));
+                if (self->isRunning) self->fail(candidate, networkError(error));
                 return;
             }
             self->readLoop(candidate);

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <zlib.h>
-
 #include <random>
 #include <string>
 
@@ -124,41 +122,4 @@ TEST(Compression, ContextTakeoverDecidesWhetherRepeatsShrink) {
     EXPECT_EQ(kept.decompress(*one, true), message);
     EXPECT_EQ(kept.decompress(*two, true), message);
     EXPECT_FALSE(kept.decompress(noise(40), true));
-}
-
-TEST(Compression, SpeaksRawZlib) {
-    Bytes message = json(20000);
-    Bytes packed = unwrap(Compressor(15).compress(message));
-    packed.insert(packed.end(), {0x00, 0x00, 0xFF, 0xFF});
-    Bytes out(message.size() + 64);
-    z_stream raw{};
-    ASSERT_EQ(inflateInit2(&raw, -15), Z_OK);
-    raw.next_in = packed.data();
-    raw.avail_in = static_cast<uInt>(packed.size());
-    raw.next_out = out.data();
-    raw.avail_out = static_cast<uInt>(out.size());
-    EXPECT_EQ(inflate(&raw, Z_SYNC_FLUSH), Z_OK);
-    out.resize(out.size() - raw.avail_out);
-    inflateEnd(&raw);
-    EXPECT_EQ(out, message);
-
-    // The other way; a final block (the end of a zlib stream) is refused.
-    for (int flush : {Z_SYNC_FLUSH, Z_FINISH}) {
-        z_stream deflater{};
-        ASSERT_EQ(deflateInit2(&deflater, 6, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY), Z_OK);
-        Bytes wire(deflateBound(&deflater, message.size()) + 16);
-        deflater.next_in = message.data();
-        deflater.avail_in = static_cast<uInt>(message.size());
-        deflater.next_out = wire.data();
-        deflater.avail_out = static_cast<uInt>(wire.size());
-        deflate(&deflater, flush);
-        wire.resize(wire.size() - deflater.avail_out - (flush == Z_SYNC_FLUSH ? 4 : 0));
-        deflateEnd(&deflater);
-        auto result = Decompressor(15).decompress(wire, flush == Z_SYNC_FLUSH);
-        if (flush == Z_SYNC_FLUSH) {
-            EXPECT_EQ(unwrap(result), message);
-        } else {
-            EXPECT_TRUE(std::holds_alternative<WSError>(result));
-        }
-    }
 }

@@ -180,16 +180,6 @@ TEST(WebSocketPeer, ServerClosesAreReportedAndEchoed) {
     }
 }
 
-TEST(WebSocketPeer, JoinsFragmentedMessages) {
-    auto peer = wsServer(Json::object());
-    Client client(wsURL(peer), false);
-    ASSERT_TRUE(client.connected());
-    client.send("cmd:fragments 4 abcdefghijklmnopq");
-    client.send("cmd:fragments 1 single");
-    EXPECT_EQ(client.text(1), "abcdefghijklmnopq");
-    EXPECT_EQ(client.text(2), "single");
-}
-
 // Certificates made once for the TLS cases: a CA and a server certificate it signed for
 // "localhost", and a self-signed one for "localhost".
 class WebSocketTLSPeer : public ::testing::Test {
