@@ -57,6 +57,25 @@ PeerProcess::~PeerProcess() {
     if (reader_.joinable()) reader_.join();
 }
 
+void PeerProcess::signal(int number) const {
+    if (pid_ > 0) kill(pid_, number);
+}
+
+void PeerProcess::writeLine(const std::string& line) const {
+    if (stdinFd_ < 0) return;
+    // A peer that died must fail the write, not end the test process.
+    static const bool ignored = (std::signal(SIGPIPE, SIG_IGN), true);
+    (void)ignored;
+    const std::string text = line + "\n";
+    std::size_t written = 0;
+    while (written < text.size()) {
+        ssize_t count = ::write(stdinFd_, text.data() + written, text.size() - written);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return;
+        written += static_cast<std::size_t>(count);
+    }
+}
+
 void PeerProcess::readOutput(int fd) {
     std::string pending;
     char chunk[4096];

@@ -36,6 +36,11 @@ public:
     std::optional<std::string> waitForLine(const std::string& prefix,
                                            std::chrono::milliseconds bound = std::chrono::seconds(10)) const;
 
+    // Sends a signal to the peer: SIGSTOP freezes it, SIGCONT resumes it, SIGKILL ends it at once.
+    void signal(int number) const;
+    // Writes one line to the peer's standard input.
+    void writeLine(const std::string& line) const;
+
     // Where the node peers live.
     static std::string peersDirectory();
 

@@ -1,0 +1,124 @@
+#pragma once
+
+#include "socketio/SocketEngineSpec.hpp"
+#include "socketio/SocketIOClient.hpp"
+#include "socketio/SocketIOClientOption.hpp"
+#include "socketio/SocketManagerSpec.hpp"
+#include "socketio/SocketPacket.hpp"
+
+#include <kelvane/Json.hpp>
+#include <kelvane/Queue.hpp>
+#include <kelvane/URL.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kelvane::socketio {
+
+// One connection to one server: its engine, the namespaces that share it, the reconnect loop
+// and the binary packets waiting for attachments. Make it with std::make_shared. Everything
+// belongs to handleQueue (the main queue unless an option says otherwise): call it from there.
+// Engine reports may come from any queue; they hop to handleQueue.
+class SocketManager final : public SocketManagerSpec,
+                            public SocketEngineClient,
+                            public SocketParsable,
+                            public std::enable_shared_from_this<SocketManager> {
+public:
+    SocketManager(URL socketURL, SocketIOClientConfiguration config = {});
+    SocketManager(URL socketURL, const std::map<std::string, SocketIOClientOption::Value>& options);
+    ~SocketManager() override;
+    SocketManager(const SocketManager&) = delete;
+    SocketManager& operator=(const SocketManager&) = delete;
+
+    const URL& socketURL() const { return socketURL_; }
+    bool forceNew = false;
+    std::map<std::string, std::shared_ptr<SocketIOClient>> nsps;
+    bool reconnects = true;
+    std::int64_t reconnectWait = 10;
+    std::int64_t reconnectWaitMax = 30;
+    double randomizationFactor = 0.5;
+    std::int64_t reconnectAttempts = -1;
+    std::int64_t currentReconnectAttempt = 0;
+    bool reconnecting = false;
+    // A uniform draw from [0, 1) for the reconnect jitter; replaceable for tests.
+    std::function<double()> random;
+    // Makes the engine in addEngine(); a SocketEngine unless replaced (tests put fakes here).
+    std::function<std::shared_ptr<SocketEngineSpec>(SocketManager&)> engineFactory;
+
+    // SocketManagerSpec.
+    void connectSocket(SocketIOClient& socket, const std::optional<Json>& payload) override;
+    void disconnectSocket(SocketIOClient& socket) override;
+    void reconnect() override;
+    std::shared_ptr<SocketEngineSpec> engine() const override { return engine_; }
+    std::shared_ptr<Queue> handleQueue() const override { return handleQueue_; }
+    SocketIOStatus status() const override { return status_; }
+    SocketIOVersion version() const override { return version_; }
+
+    // Connecting also clears the reconnect state.
+    void setStatus(SocketIOStatus status);
+    void setEngine(std::shared_ptr<SocketEngineSpec> engine) { engine_ = std::move(engine); }
+
+    const SocketIOClientConfiguration& config() const { return config_; }
+    // Logs when the manager is active; some options only apply at the next connect.
+    void setConfig(const SocketIOClientConfiguration& config);
+    void setConfigs(const SocketIOClientConfiguration& config);
+
+    std::shared_ptr<SocketIOClient> defaultSocket() { return socket("/"); }
+    std::shared_ptr<SocketIOClient> socket(const std::string& forNamespace);
+    std::shared_ptr<SocketIOClient> removeSocket(const SocketIOClient& socket);
+
+    void addEngine();
+    void connect();
+    void disconnect();
+    void disconnectSocket(const std::string& forNamespace);
+    void didDisconnect(const std::string& reason);
+    void emitAll(SocketClientEvent event, const std::vector<Json>& data);
+    void emitAll(const std::string& event, const std::vector<SocketItem>& items);
+    void forAll(const std::function<void(SocketIOClient&)>& action);
+
+    // Engine reports: any queue; each hops to handleQueue.
+    void engineDidClose(std::string reason) override;
+    void engineDidError(std::string reason) override;
+    void engineDidOpen(std::string reason) override;
+    void engineDidReceivePing() override;
+    void engineDidSendPing() override;
+    void engineDidReceivePong() override;
+    void engineDidSendPong() override;
+    void parseEngineMessage(std::string message) override;
+    void parseEngineBinaryData(Bytes data) override;
+    void engineDidWebsocketUpgrade(websocket::Headers headers) override;
+
+    // The same on handleQueue.
+    void _engineDidClose(const std::string& reason);
+    void _engineDidError(const std::string& reason);
+    void _engineDidOpen(const std::string& reason);
+    void _engineDidReceivePing();
+    void _engineDidSendPing();
+    void _engineDidReceivePong();
+    void _engineDidSendPong();
+    void _parseEngineMessage(const std::string& message);
+    void _parseEngineBinaryData(Bytes data);
+    void _engineDidWebsocketUpgrade(const websocket::Headers& headers);
+
+    void tryReconnect(const std::string& reason);
+    void _tryReconnect();
+    // Seconds before the next attempt.
+    double reconnectInterval(std::int64_t attempts) const;
+
+private:
+    template <class Work>
+    void onHandleQueue(Work work);
+
+    URL socketURL_;
+    std::shared_ptr<SocketEngineSpec> engine_;
+    std::shared_ptr<Queue> handleQueue_;
+    SocketIOStatus status_ = SocketIOStatus::notConnected;
+    SocketIOVersion version_ = SocketIOVersion::three;
+    SocketIOClientConfiguration config_;
+};
+
+}  // namespace kelvane::socketio

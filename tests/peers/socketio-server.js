@@ -1,0 +1,81 @@
+'use strict';
+// A Socket.IO server on 127.0.0.1 for the tests and benchmarks.
+// Usage: node socketio-server.js '<json options>'
+//   options: { port: n (0: ephemeral), lifetime: seconds (default 120), and any server options
+//              (transports, allowEIO3, pingInterval, pingTimeout, allowUpgrades, ...) }
+// Prints "PORT <n>" once listening. Namespaces "/" and "/chat" accept everyone; "/refused"
+// refuses every connect with the error "not allowed". Every client event is printed as
+// "EVENT <nsp> <name> <json args>" (Buffers as {"buffer": hex}), and:
+//   "echo"        answers the ack with the same arguments, or emits "echo" back without one
+//   "binary"      answers with Buffers nested in objects and arrays
+//   "emitBack"    [name, ...args]: the server emits that event with those arguments
+//   "kickMe"      the server disconnects this socket
+//   "noAck"       emits "noAck" with an ack of its own, printing "ACKED noAck" when answered
+//   "ignore"      leaves its ack unanswered; any other event with an ack gets "ok"
+// Also prints "CONNECT <nsp> <json handshake: headers, query, auth>", "DISCONNECT <nsp> <reason>".
+// Standard input lines: "emit <nsp> <name> <json args>" emits to every socket of the namespace.
+// Stops by itself when stdin closes or the lifetime ends.
+const http = require('http');
+const { Server } = require('socket.io');
+
+const options = JSON.parse(process.argv[2] || '{}');
+const lifetime = (options.lifetime || 120) * 1000;
+const port = options.port || 0;
+delete options.port;
+delete options.lifetime;
+
+const server = http.createServer();
+const io = new Server(server, Object.assign({ serveClient: false }, options));
+
+function shown(value) {
+  return JSON.stringify(value, (key, v) => {
+    if (v && v.type === 'Buffer' && Array.isArray(v.data)) return { buffer: Buffer.from(v.data).toString('hex') };
+    return v;
+  });
+}
+
+function attach(namespace) {
+  namespace.on('connection', (socket) => {
+    const handshake = { headers: socket.handshake.headers, query: socket.handshake.query, auth: socket.handshake.auth };
+    console.log(`CONNECT ${namespace.name} ${shown(handshake)}`);
+    socket.on('disconnect', (reason) => console.log(`DISCONNECT ${namespace.name} ${reason}`));
+    socket.onAny((name, ...args) => {
+      const ack = typeof args[args.length - 1] === 'function' ? args.pop() : null;
+      console.log(`EVENT ${namespace.name} ${name} ${shown(args)}`);
+      if (name === 'echo') {
+        if (ack) ack(...args);
+        else socket.emit('echo', ...args);
+      } else if (name === 'binary') {
+        const payload = { first: Buffer.from([1, 2, 3]), list: [Buffer.from('xy'), { deep: Buffer.from([255]) }] };
+        if (ack) ack(payload);
+        else socket.emit('binary', payload, Buffer.from([9]));
+      } else if (name === 'emitBack') {
+        socket.emit(...args);
+      } else if (name === 'kickMe') {
+        socket.disconnect();
+      } else if (name === 'noAck') {
+        socket.emit('noAck', 'please answer', () => console.log('ACKED noAck'));
+      } else if (ack && name !== 'ignore') {
+        ack('ok');
+      }
+    });
+  });
+}
+
+attach(io.of('/'));
+attach(io.of('/chat'));
+io.of('/refused').use((socket, next) => next(new Error('not allowed')));
+
+server.listen(port, '127.0.0.1', () => console.log(`PORT ${server.address().port}`));
+
+const lines = require('readline').createInterface({ input: process.stdin });
+lines.on('line', (line) => {
+  const [command, nsp, name, ...rest] = line.split(' ');
+  if (command === 'emit') io.of(nsp).emit(name, ...JSON.parse(rest.join(' ') || '[]'));
+});
+function stop() {
+  io.close();
+  process.exit(0);
+}
+lines.on('close', stop);
+setTimeout(stop, lifetime).unref();
