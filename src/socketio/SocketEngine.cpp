@@ -20,6 +20,11 @@ constexpr char kRecordSeparator = '\x1e';
 
 URL makeURL(std::string_view text) { return forceUnwrap(URL::make(text)); }
 
+platform::HTTPRequest makeRequest(URL url) {
+    platform::HTTPRequest request{std::move(url), "GET", {}, std::nullopt, 60.0};
+    return request;
+}
+
 // Only the unreserved characters survive: the query's own delimiters and everything the query
 // does not allow are encoded.
 std::string urlEncode(std::string_view text) {
@@ -216,10 +221,12 @@ void SocketEngine::write(std::string text, SocketEnginePacketType type, std::vec
             return;
         }
         if (self->polling_) {
-            socketLog(kLogType, [&] { return "Writing poll: " + text + " has data: " + (data.empty() ? "false" : "true"); });
+            socketLog(kLogType,
+                      [&] { return "Writing poll: " + text + " has data: " + (data.empty() ? "false" : "true"); });
             self->sendPollMessage(text, type, data, std::move(completion));
         } else {
-            socketLog(kLogType, [&] { return "Writing ws: " + text + " has data: " + (data.empty() ? "false" : "true"); });
+            socketLog(kLogType,
+                      [&] { return "Writing ws: " + text + " has data: " + (data.empty() ? "false" : "true"); });
             self->sendWebSocketMessage(text, type, data, std::move(completion));
         }
     });
@@ -241,7 +248,7 @@ void SocketEngine::_connect() {
         createWebSocketAndConnect();
         return;
     }
-    platform::HTTPRequest request{urlPolling_};
+    auto request = makeRequest(urlPolling_);
     request.timeoutInterval = 60.0;
     addHeaders(request);
     doLongPoll(std::move(request));
@@ -272,7 +279,7 @@ void SocketEngine::didBecomeInvalid(const std::optional<Error>& error) {
 void SocketEngine::createWebSocketAndConnect() {
     websocket::Request request{urlWebSocketWithSid()};
     // The polling session keeps no cookie store of its own, so only the configured cookies go.
-    platform::HTTPRequest headers{urlWebSocketWithSid()};
+    auto headers = makeRequest(urlWebSocketWithSid());
     addHeaders(headers);
     for (const auto& [name, value] : headers.headers) request.setValue(value, name);
 
@@ -624,7 +631,7 @@ void SocketEngine::didError(std::string reason) {
 
 void SocketEngine::doPoll() {
     if (!polling_ || waitingForPoll_ || !connected_ || closed_) return;
-    platform::HTTPRequest request{urlPollingWithSid()};
+    auto request = makeRequest(urlPollingWithSid());
     addHeaders(request);
     doLongPoll(std::move(request));
 }
@@ -738,7 +745,7 @@ platform::HTTPRequest SocketEngine::createRequestForPostWithPostWait() {
         for (const auto& post : postWait_) body += std::to_string(utf16Length(post.msg)) + ":" + post.msg;
     }
     socketLog(kPollingLogType, [&] { return "Created POST string: " + body; });
-    platform::HTTPRequest request{urlPollingWithSid()};
+    auto request = makeRequest(urlPollingWithSid());
     addHeaders(request);
     request.method = "POST";
     setHeader(request, "Content-Type", "text/plain; charset=UTF-8");

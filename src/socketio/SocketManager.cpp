@@ -238,7 +238,8 @@ void SocketManager::parseEngineMessage(std::string message) {
     onHandleQueue([message = std::move(message)](SocketManager& self) { self._parseEngineMessage(message); });
 }
 void SocketManager::parseEngineBinaryData(Bytes data) {
-    onHandleQueue([data = std::move(data)](SocketManager& self) mutable { self._parseEngineBinaryData(std::move(data)); });
+    onHandleQueue(
+        [data = std::move(data)](SocketManager& self) mutable { self._parseEngineBinaryData(std::move(data)); });
 }
 void SocketManager::engineDidWebsocketUpgrade(websocket::Headers headers) {
     onHandleQueue([headers = std::move(headers)](SocketManager& self) { self._engineDidWebsocketUpgrade(headers); });

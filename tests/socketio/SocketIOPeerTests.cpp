@@ -114,7 +114,8 @@ TEST_F(SocketIOPeer, WebSocketSessionCarriesEventsAcksAndAttachments) {
     EXPECT_EQ(onQueue([&] { return socket->status(); }), SocketIOStatus::connected);
 
     // Integers and booleans stay apart on the way there and back.
-    EXPECT_EQ(Json(echo(socket, {1, true, "text", Json{{"k", {1, 2.5}}}})), Json::parse(R"([1,true,"text",{"k":[1,2.5]}])"));
+    EXPECT_EQ(Json(echo(socket, {1, true, "text", Json{{"k", {1, 2.5}}}})),
+              Json::parse(R"([1,true,"text",{"k":[1,2.5]}])"));
 
     // Attachments out: the server sees Buffers where the byte buffers were.
     onQueue([&] { socket->emit("echo", {Json::binary({1, 2}), Json{{"nested", {Json::binary({3})}}}}); });
