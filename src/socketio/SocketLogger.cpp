@@ -3,15 +3,25 @@
 #include <kelvane/Log.hpp>
 
 #include <mutex>
+#include <vector>
 
 namespace kelvane::socketio {
 namespace {
 
-std::mutex loggerMutex;
+// Every logger ever installed stays alive, so that a reader holding the raw pointer of the
+// previous one never sees it freed.
+struct Registry {
+    Registry() : installed(std::make_shared<SocketLogger>()), current(installed.get()) { ever.push_back(installed); }
 
-std::shared_ptr<SocketLogger>& loggerSlot() {
-    static auto* slot = new std::shared_ptr<SocketLogger>(std::make_shared<SocketLogger>());
-    return *slot;
+    std::mutex mutex;
+    std::shared_ptr<SocketLogger> installed;
+    std::vector<std::shared_ptr<SocketLogger>> ever;
+    std::atomic<SocketLogger*> current;
+};
+
+Registry& registry() {
+    static auto* shared = new Registry();
+    return *shared;
 }
 
 }  // namespace
@@ -24,14 +34,20 @@ void SocketLogger::write(std::string_view level, std::string_view type, std::str
 }
 
 std::shared_ptr<SocketLogger> defaultLogger() {
-    std::lock_guard lock(loggerMutex);
-    return loggerSlot();
+    auto& shared = registry();
+    std::lock_guard lock(shared.mutex);
+    return shared.installed;
 }
+
+SocketLogger& activeLogger() { return *registry().current.load(std::memory_order_acquire); }
 
 void setDefaultLogger(std::shared_ptr<SocketLogger> logger) {
     if (!logger) return;
-    std::lock_guard lock(loggerMutex);
-    loggerSlot() = std::move(logger);
+    auto& shared = registry();
+    std::lock_guard lock(shared.mutex);
+    shared.ever.push_back(logger);
+    shared.installed = logger;
+    shared.current.store(logger.get(), std::memory_order_release);
 }
 
 }  // namespace kelvane::socketio

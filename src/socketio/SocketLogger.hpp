@@ -27,17 +27,20 @@ private:
 // The one process-wide logger ("DefaultSocketLogger.Logger"), logging off at first.
 std::shared_ptr<SocketLogger> defaultLogger();
 void setDefaultLogger(std::shared_ptr<SocketLogger> logger);
+// The same logger for the hot path, read without a lock: a logger once installed is kept for
+// the life of the process.
+SocketLogger& activeLogger();
 
 // Builds the message (a callable returning text) only when logging is on.
 template <class Message>
 void socketLog(std::string_view type, Message&& message) {
-    auto logger = defaultLogger();
-    if (logger->log()) logger->write("LOG", type, std::string(message()));
+    auto& logger = activeLogger();
+    if (logger.log()) logger.write("LOG", type, std::string(message()));
 }
 template <class Message>
 void socketError(std::string_view type, Message&& message) {
-    auto logger = defaultLogger();
-    if (logger->log()) logger->write("ERROR", type, std::string(message()));
+    auto& logger = activeLogger();
+    if (logger.log()) logger.write("ERROR", type, std::string(message()));
 }
 
 }  // namespace kelvane::socketio

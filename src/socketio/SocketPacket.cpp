@@ -5,7 +5,6 @@
 
 #include <kelvane/Fatal.hpp>
 
-#include <clocale>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -28,7 +27,8 @@ std::optional<std::int64_t> integer(std::string_view text) {
         i = 1;
     }
     if (i == text.size()) return std::nullopt;
-    const std::uint64_t limit = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) + (negative ? 1 : 0);
+    const std::uint64_t limit =
+        static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) + (negative ? 1 : 0);
     std::uint64_t value = 0;
     for (; i < text.size(); ++i) {
         if (text[i] < '0' || text[i] > '9') return std::nullopt;

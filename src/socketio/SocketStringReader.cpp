@@ -132,8 +132,9 @@ void SocketStringReader::checkIndex(std::ptrdiff_t end) const {
 }
 
 std::string SocketStringReader::units(std::ptrdiff_t from, std::ptrdiff_t to) const {
-    if (isASCII_) return ascii_.substr(static_cast<std::size_t>(from), static_cast<std::size_t>(to - from));
-    return utf8(std::u16string_view(message_).substr(static_cast<std::size_t>(from), static_cast<std::size_t>(to - from)));
+    auto count = static_cast<std::size_t>(to - from);
+    if (isASCII_) return ascii_.substr(static_cast<std::size_t>(from), count);
+    return utf8(std::u16string_view(message_).substr(static_cast<std::size_t>(from), count));
 }
 
 bool SocketStringReader::hasNext() const { return currentIndex_ != size(); }

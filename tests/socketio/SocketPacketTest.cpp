@@ -176,7 +176,9 @@ TEST_F(SocketCodec, AttachmentsRoundTripThroughPlaceholders) {
     auto text = outgoing.packetString();
     EXPECT_TRUE(text.starts_with("64-/up,9[")) << text;
     parser.waitingPackets.push_back(parse(text));
-    for (std::size_t i = 0; i + 1 < outgoing.binary.size(); ++i) EXPECT_FALSE(parser.parseBinaryData(outgoing.binary[i]));
+    for (std::size_t i = 0; i + 1 < outgoing.binary.size(); ++i) {
+        EXPECT_FALSE(parser.parseBinaryData(outgoing.binary[i]));
+    }
     auto incoming = parser.parseBinaryData(outgoing.binary.back());
     ASSERT_TRUE(incoming);
     EXPECT_TRUE(parser.waitingPackets.empty());
@@ -220,16 +222,20 @@ TEST(SocketJSON, Conversions) {
     EXPECT_FALSE(toJSON({Json::array({bytes({1})})}));
 }
 
-// The codec's own reader must build exactly what the JSON library builds, types included.
+namespace {
+// Equal values of equal types all the way down (the library's == takes 1 and 1.0 as equal).
 bool same(const Json& a, const Json& b) {
     if (a.type() != b.type()) return false;
     if (a.is_array()) return std::equal(a.begin(), a.end(), b.begin(), b.end(), same);
     if (a.is_object()) {
-        return std::equal(a.items().begin(), a.items().end(), b.items().begin(), b.items().end(),
-                          [](const auto& x, const auto& y) { return x.key() == y.key() && same(x.value(), y.value()); });
+        auto sameMember = [](const auto& x, const auto& y) { return x.key() == y.key() && same(x.value(), y.value()); };
+        return std::equal(a.items().begin(), a.items().end(), b.items().begin(), b.items().end(), sameMember);
     }
     return a == b;
 }
+}  // namespace
+
+// The codec's own reader must build exactly what the JSON library builds.
 
 TEST(SocketJSON, ReadsAsTheJSONLibraryDoes) {
     const std::vector<std::string> texts = {
@@ -269,8 +275,10 @@ TEST(SocketCodecDeathTest, StopsWhereTheCodecTrustsItsInput) {
         packet.addData({1});
     };
     EXPECT_DEATH(fill("{\"_placeholder\":true}"), "Fatal error: Unexpectedly found nil while unwrapping");
-    EXPECT_DEATH(fill("{\"_placeholder\":true,\"num\":\"0\"}"), "Fatal error: Could not cast value of type 'String' to 'Int'");
-    EXPECT_DEATH(fill("{\"_placeholder\":true,\"num\":true}"), "Fatal error: Could not cast value of type 'Bool' to 'Int'");
+    EXPECT_DEATH(fill("{\"_placeholder\":true,\"num\":\"0\"}"),
+                 "Fatal error: Could not cast value of type 'String' to 'Int'");
+    EXPECT_DEATH(fill("{\"_placeholder\":true,\"num\":true}"),
+                 "Fatal error: Could not cast value of type 'Bool' to 'Int'");
     EXPECT_DEATH(fill("{\"_placeholder\":true,\"num\":1}"), "Fatal error: Index out of range");
     EXPECT_DEATH(fill("{\"_placeholder\":true,\"num\":-1}"), "Fatal error: Index out of range");
 }
