@@ -1,5 +1,8 @@
 #include "Figures.hpp"
 
+#include <malloc.h>
+#include <sys/resource.h>
+
 #include <cstdio>
 
 namespace kelvane::bench {
@@ -43,6 +46,18 @@ std::map<std::string, Measured> runAll(int argc, char** argv) {
 
 void figure(const std::string& name, double value, const std::string& unit) {
     std::printf("figure %s %.4g %s\n", name.c_str(), value, unit.c_str());
+}
+
+double cpuSeconds(int who) {
+    rusage usage{};
+    getrusage(who, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+std::size_t heapInUse() {
+    auto info = mallinfo2();
+    return info.uordblks + info.hblkhd;
 }
 
 }  // namespace kelvane::bench

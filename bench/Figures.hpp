@@ -6,6 +6,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstddef>
 #include <map>
 #include <string>
 
@@ -21,5 +22,10 @@ struct Measured {
 std::map<std::string, Measured> runAll(int argc, char** argv);
 
 void figure(const std::string& name, double value, const std::string& unit);
+
+// CPU seconds (user plus system) of this process, or of its calling thread with RUSAGE_THREAD.
+double cpuSeconds(int who = 0);  // 0 is RUSAGE_SELF
+// Bytes of heap in use now.
+std::size_t heapInUse();
 
 }  // namespace kelvane::bench

@@ -26,18 +26,6 @@ namespace {
 
 constexpr auto kBound = std::chrono::seconds(60);
 
-double cpuSeconds() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
-std::size_t heapInUse() {
-    auto info = mallinfo2();
-    return info.uordblks + info.hblkhd;
-}
-
 // A client whose echoes are counted; the sender keeps a bounded number in flight.
 class EchoClient {
 public:
@@ -104,11 +92,11 @@ Echo echo(int port, bool deflate, const std::string& message, bool binary, int c
     EchoClient client(port, deflate);
     if (!client.waitConnected()) return {};
     client.run(message, binary, count / 10, window);  // warm up
-    double cpuBefore = cpuSeconds();
+    double cpuBefore = bench::cpuSeconds();
     auto start = Clock::now();
     if (!client.run(message, binary, count, window)) return {};
     double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    return {count / seconds, (cpuSeconds() - cpuBefore) * 1e6 / count};
+    return {count / seconds, (bench::cpuSeconds() - cpuBefore) * 1e6 / count};
 }
 
 std::string jsonMessage(std::size_t size) {
@@ -123,18 +111,18 @@ std::string jsonMessage(std::size_t size) {
 double heapPerConnection(int port, bool deflate) {
     constexpr int kConnections = 16;
     { EchoClient warm(port, deflate); warm.waitConnected(); }
-    std::size_t before = heapInUse();
+    std::size_t before = bench::heapInUse();
     std::vector<std::unique_ptr<EchoClient>> clients;
     for (int i = 0; i < kConnections; ++i) {
         clients.push_back(std::make_unique<EchoClient>(port, deflate));
         if (!clients.back()->waitConnected()) return 0;
     }
-    std::size_t after = heapInUse();
+    std::size_t after = bench::heapInUse();
     return (static_cast<double>(after) - static_cast<double>(before)) / kConnections;
 }
 
 double zlibStreamState() {
-    std::size_t before = heapInUse();
+    std::size_t before = bench::heapInUse();
     z_stream deflater{}, inflater{};
     deflateInit2(&deflater, -1, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
     inflateInit2(&inflater, -15);
@@ -145,7 +133,7 @@ double zlibStreamState() {
     inflater.next_out = out;
     inflater.avail_out = sizeof out;
     inflate(&inflater, Z_NO_FLUSH);
-    std::size_t after = heapInUse();
+    std::size_t after = bench::heapInUse();
     deflateEnd(&deflater);
     inflateEnd(&inflater);
     return static_cast<double>(after - before);

@@ -1,8 +1,9 @@
 'use strict';
 // A Socket.IO server on 127.0.0.1 for the tests and benchmarks.
 // Usage: node socketio-server.js '<json options>'
-//   options: { port: n (0: ephemeral), lifetime: seconds (default 120), and any server options
-//              (transports, allowEIO3, pingInterval, pingTimeout, allowUpgrades, ...) }
+//   options: { port: n (0: ephemeral), lifetime: seconds (default 120), quiet: true (print only
+//              the PORT line: load runs), and any server options (transports, allowEIO3,
+//              pingInterval, pingTimeout, allowUpgrades, ...) }
 // Prints "PORT <n>" once listening. Namespaces "/" and "/chat" accept everyone; "/refused"
 // refuses every connect with the error "not allowed". Every client event is printed as
 // "EVENT <nsp> <name> <json args>" (Buffers as {"buffer": hex}), and:
@@ -21,8 +22,10 @@ const { Server } = require('socket.io');
 const options = JSON.parse(process.argv[2] || '{}');
 const lifetime = (options.lifetime || 120) * 1000;
 const port = options.port || 0;
+const quiet = options.quiet === true;
 delete options.port;
 delete options.lifetime;
+delete options.quiet;
 
 const server = http.createServer();
 const io = new Server(server, Object.assign({ serveClient: false }, options));
@@ -37,11 +40,13 @@ function shown(value) {
 function attach(namespace) {
   namespace.on('connection', (socket) => {
     const handshake = { headers: socket.handshake.headers, query: socket.handshake.query, auth: socket.handshake.auth };
-    console.log(`CONNECT ${namespace.name} ${shown(handshake)}`);
-    socket.on('disconnect', (reason) => console.log(`DISCONNECT ${namespace.name} ${reason}`));
+    if (!quiet) console.log(`CONNECT ${namespace.name} ${shown(handshake)}`);
+    socket.on('disconnect', (reason) => {
+      if (!quiet) console.log(`DISCONNECT ${namespace.name} ${reason}`);
+    });
     socket.onAny((name, ...args) => {
       const ack = typeof args[args.length - 1] === 'function' ? args.pop() : null;
-      console.log(`EVENT ${namespace.name} ${name} ${shown(args)}`);
+      if (!quiet) console.log(`EVENT ${namespace.name} ${name} ${shown(args)}`);
       if (name === 'echo') {
         if (ack) ack(...args);
         else socket.emit('echo', ...args);
@@ -54,7 +59,7 @@ function attach(namespace) {
       } else if (name === 'kickMe') {
         socket.disconnect();
       } else if (name === 'noAck') {
-        socket.emit('noAck', 'please answer', () => console.log('ACKED noAck'));
+        socket.emit('noAck', 'please answer', () => quiet || console.log('ACKED noAck'));
       } else if (ack && name !== 'ignore') {
         ack('ok');
       }

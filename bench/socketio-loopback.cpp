@@ -1,0 +1,583 @@
+// Socket.IO through the npm socket.io server on 127.0.0.1: the acked echo's round trip and rate,
+// the client's CPU per round trip, the time to a connected namespace against a bare WebSocket
+// doing the same exchange by hand, and the heap one idle connected manager holds.
+#include "Figures.hpp"
+#include "PeerProcess.hpp"
+
+#include "socketio/SocketManager.hpp"
+#include "websocket/Compression.hpp"
+#include "websocket/WebSocket.hpp"
+
+#include <malloc.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+// Allocations per thread: the network thread's count per round trip shows where the time goes.
+// A plain thread-local keeps the counting itself out of the figures.
+namespace {
+thread_local std::uint64_t allocationCount = 0;
+
+void* allocate(std::size_t size) {
+    ++allocationCount;
+    if (void* memory = std::malloc(size ? size : 1)) return memory;
+    throw std::bad_alloc();
+}
+}  // namespace
+
+void* operator new(std::size_t size) { return allocate(size); }
+void* operator new[](std::size_t size) { return allocate(size); }
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
+
+using namespace kelvane;
+using namespace kelvane::socketio;
+using Clock = std::chrono::steady_clock;
+using Option = SocketIOClientOption;
+
+namespace {
+
+constexpr auto kBound = std::chrono::seconds(60);
+constexpr auto kConnectBound = std::chrono::seconds(10);
+constexpr double kAckSeconds = 10;
+
+double micros(Clock::duration duration) { return std::chrono::duration<double, std::micro>(duration).count(); }
+
+// Opened on the network thread, awaited (with a bound) on the main one.
+class Latch {
+public:
+    void open() {
+        std::lock_guard lock(mutex_);
+        open_ = true;
+        changed_.notify_all();
+    }
+    bool wait(Clock::duration bound) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, bound, [&] { return open_; });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool open_ = false;
+};
+
+// What the process and the network thread (every serial queue runs on it) spent between two
+// points. The network thread's share is read on that thread.
+struct Usage {
+    double processCpu = 0;
+    double threadUser = 0;
+    double threadSystem = 0;
+    long threadSwitches = 0;  // voluntary: the times it waited for work
+    long threadFaults = 0;
+    std::uint64_t threadAllocations = 0;
+
+    static Usage now(Queue& queue) {
+        Usage usage;
+        queue.sync([&] {
+            rusage thread{};
+            getrusage(RUSAGE_THREAD, &thread);
+            usage.threadUser = static_cast<double>(thread.ru_utime.tv_sec) + thread.ru_utime.tv_usec / 1e6;
+            usage.threadSystem = static_cast<double>(thread.ru_stime.tv_sec) + thread.ru_stime.tv_usec / 1e6;
+            usage.threadSwitches = thread.ru_nvcsw;
+            usage.threadFaults = thread.ru_minflt;
+            usage.threadAllocations = allocationCount;
+        });
+        usage.processCpu = bench::cpuSeconds(RUSAGE_SELF);
+        return usage;
+    }
+};
+
+struct Spent {
+    double cpuMicros = 0;  // whole process, per message
+    double threadUserMicros = 0;
+    double threadSystemMicros = 0;
+    double threadSwitches = 0;
+    double threadFaults = 0;
+    double threadAllocations = 0;
+};
+
+Spent perMessage(const Usage& before, const Usage& after, int count) {
+    return {(after.processCpu - before.processCpu) * 1e6 / count, (after.threadUser - before.threadUser) * 1e6 / count,
+            (after.threadSystem - before.threadSystem) * 1e6 / count,
+            static_cast<double>(after.threadSwitches - before.threadSwitches) / count,
+            static_cast<double>(after.threadFaults - before.threadFaults) / count,
+            static_cast<double>(after.threadAllocations - before.threadAllocations) / count};
+}
+
+// Echoes driven from the network thread: each answer sends the next, so that nothing but the
+// client and the peer runs between two round trips.
+class EchoLoop {
+public:
+    using Send = std::function<void(const std::shared_ptr<EchoLoop>&)>;
+
+    EchoLoop(int total, int window, Send send) : total_(total), window_(window), send_(std::move(send)) {
+        if (window_ == 1) roundTrips.reserve(static_cast<std::size_t>(total_));
+    }
+
+    // On the network thread.
+    void start(const std::shared_ptr<EchoLoop>& self) {
+        started = Clock::now();
+        while (sent_ < total_ && sent_ < window_) sendNext(self);
+    }
+
+    // On the network thread, once per answer.
+    void answered(const std::shared_ptr<EchoLoop>& self, Clock::time_point sentAt, bool right) {
+        if (done_) return;
+        if (!right) {
+            failed = true;
+            finish();
+            return;
+        }
+        if (window_ == 1) roundTrips.push_back(micros(Clock::now() - sentAt));
+        if (++answered_ == total_) {
+            finish();
+            return;
+        }
+        if (sent_ < total_) sendNext(self);
+    }
+
+    bool wait() { return latch_.wait(kBound) && !failed; }
+
+    Clock::time_point started, finished;
+    std::vector<double> roundTrips;  // microseconds, one in flight only
+    bool failed = false;
+
+private:
+    void sendNext(const std::shared_ptr<EchoLoop>& self) {
+        ++sent_;
+        send_(self);
+    }
+    void finish() {
+        done_ = true;
+        finished = Clock::now();
+        latch_.open();
+    }
+
+    int total_, window_, sent_ = 0, answered_ = 0;
+    bool done_ = false;
+    Send send_;
+    Latch latch_;
+};
+
+// One manager and its default namespace.
+class SocketIOSession {
+public:
+    SocketIOSession(std::shared_ptr<Queue> queue, int port, bool compress) : queue_(std::move(queue)) {
+        SocketIOClientConfiguration config{Option::handleQueue(queue_), Option::forceWebsockets(true),
+                                           Option::log(false)};
+        if (compress) config.insert(Option::compress());
+        auto url = URL::make("http://127.0.0.1:" + std::to_string(port) + "/");
+        manager_ = std::make_shared<SocketManager>(*url, config);
+    }
+
+    ~SocketIOSession() {
+        std::weak_ptr<SocketEngineSpec> engine;
+        queue_->sync([&] {
+            engine = manager_->engine();
+            manager_->disconnect();
+            socket_.reset();
+            manager_.reset();
+        });
+        // The next measurement starts once this connection is gone, not while it closes.
+        auto deadline = Clock::now() + std::chrono::seconds(5);
+        while (!engine.expired() && Clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+
+    // Microseconds from connect() to the namespace's connect event, or nothing in time.
+    std::optional<double> connect() {
+        auto latch = std::make_shared<Latch>();
+        auto connectedAt = std::make_shared<Clock::time_point>();
+        Clock::time_point startedAt;
+        queue_->sync([&] {
+            socket_ = manager_->defaultSocket();
+            socket_->once(SocketClientEvent::connect,
+                          [latch, connectedAt](const std::vector<Json>&, SocketAckEmitter&) {
+                              *connectedAt = Clock::now();
+                              latch->open();
+                          });
+            startedAt = Clock::now();
+            socket_->connect();
+        });
+        if (!latch->wait(kConnectBound)) return std::nullopt;
+        return micros(*connectedAt - startedAt);
+    }
+
+    // Acked echoes of `payload`: `total`, at most `window` unanswered.
+    std::shared_ptr<EchoLoop> echo(const std::string& payload, int total, int window) {
+        // The session outlives its loops; a plain pointer keeps a cycle out of the ack callbacks.
+        auto send = [socket = socket_.get(), &payload](const std::shared_ptr<EchoLoop>& self) {
+            const auto sentAt = Clock::now();
+            auto answer = [self, sentAt, &payload](const std::vector<Json>& data) {
+                const bool right =
+                    data.size() == 1 && data[0].is_string() && data[0].get_ref<const std::string&>() == payload;
+                self->answered(self, sentAt, right);
+            };
+            socket->emitWithAck("echo", {payload}).timingOut(kAckSeconds, std::move(answer));
+        };
+        auto loop = std::make_shared<EchoLoop>(total, window, std::move(send));
+        queue_->async([loop] { loop->start(loop); });
+        return loop;
+    }
+
+private:
+    std::shared_ptr<Queue> queue_;
+    std::shared_ptr<SocketManager> manager_;
+    std::shared_ptr<SocketIOClient> socket_;
+};
+
+// A bare WebSocket to the server's Engine.IO endpoint, speaking the few text packets it needs
+// by hand: the reference for what the client adds on top of its transport.
+class BareSession : public std::enable_shared_from_this<BareSession> {
+public:
+    static std::shared_ptr<BareSession> make(std::shared_ptr<Queue> queue, int port, bool compress = false) {
+        auto session = std::shared_ptr<BareSession>(new BareSession(std::move(queue), port, compress));
+        session->socket_->onEvent = [weak = session->weak_from_this()](const websocket::WebSocketEvent& event) {
+            if (auto self = weak.lock()) self->handle(event);
+        };
+        return session;
+    }
+
+    // Microseconds from connect() to the namespace's answer, or nothing in time.
+    std::optional<double> connect() {
+        Clock::time_point startedAt;
+        queue_->sync([&] {
+            startedAt = Clock::now();
+            socket_->connect();
+        });
+        if (!joined_.wait(kConnectBound)) return std::nullopt;
+        return micros(joinedAt_ - startedAt);
+    }
+
+    void close() {
+        socket_->disconnect();
+        closed_.wait(std::chrono::seconds(5));
+    }
+
+    // The same packets as the client's acked echo, one in flight.
+    std::shared_ptr<EchoLoop> echo(const std::string& payload, int total) {
+        tail_ = "[\"" + payload + "\"]";
+        auto loop = std::make_shared<EchoLoop>(total, 1, [this, &payload](const std::shared_ptr<EchoLoop>&) {
+            lastSent_ = Clock::now();
+            socket_->write("42" + std::to_string(++ackNumber_) + "[\"echo\",\"" + payload + "\"]");
+        });
+        queue_->async([self = shared_from_this(), loop] {
+            self->loop_ = loop;
+            loop->start(loop);
+        });
+        return loop;
+    }
+
+private:
+    BareSession(std::shared_ptr<Queue> queue, int port, bool compress) : queue_(std::move(queue)) {
+        websocket::Request request(
+            URL::make("ws://127.0.0.1:" + std::to_string(port) + "/socket.io/?EIO=4&transport=websocket"), 10);
+        socket_ = std::make_shared<websocket::WebSocket>(
+            std::move(request), nullptr, compress ? std::make_shared<websocket::WSCompression>() : nullptr);
+        socket_->callbackQueue = queue_;
+    }
+
+    void handle(const websocket::WebSocketEvent& event) {
+        using Kind = websocket::WebSocketEvent::Kind;
+        switch (event.kind) {
+        case Kind::text: {
+            const std::string& text = event.text;
+            if (text.starts_with("43")) {
+                if (loop_) loop_->answered(loop_, lastSent_, text.ends_with(tail_));
+            } else if (text.starts_with("40")) {
+                joinedAt_ = Clock::now();
+                joined_.open();
+            } else if (text.starts_with("0{")) {
+                socket_->write("40");
+            } else if (text == "2") {
+                socket_->write("3");
+            }
+            break;
+        }
+        case Kind::cancelled:
+        case Kind::disconnected:
+        case Kind::peerClosed:
+        case Kind::error: closed_.open(); break;
+        default: break;
+        }
+    }
+
+    std::shared_ptr<Queue> queue_;
+    std::shared_ptr<websocket::WebSocket> socket_;
+    Latch joined_, closed_;
+    Clock::time_point joinedAt_, lastSent_;
+    std::shared_ptr<EchoLoop> loop_;
+    std::string tail_;
+    std::int64_t ackNumber_ = -1;
+};
+
+double percentile(std::vector<double> values, double fraction) {
+    if (values.empty()) return 0;
+    std::sort(values.begin(), values.end());
+    auto index = static_cast<std::size_t>(fraction * static_cast<double>(values.size()));
+    return values[std::min(index, values.size() - 1)];
+}
+
+void printSpent(const char* what, const Spent& spent) {
+    std::printf("%-28s %7.2f us CPU/msg (network thread: %.2f user + %.2f sys, %.2f waits, %.3f page faults, "
+                "%.1f allocations)\n",
+                what, spent.cpuMicros, spent.threadUserMicros, spent.threadSystemMicros, spent.threadSwitches,
+                spent.threadFaults, spent.threadAllocations);
+}
+
+std::string payloadOf(std::size_t size) {
+    std::string text;
+    for (std::size_t i = 0; text.size() < size; ++i) text += static_cast<char>('a' + i * 7 % 26);
+    return text;
+}
+
+bool fail(const char* what) {
+    std::fprintf(stderr, "%s\n", what);
+    return false;
+}
+
+// One in flight through the client and, as the reference, the same packets through a bare
+// WebSocket to the same server.
+struct OneInFlight {
+    std::vector<double> roundTrips;
+    Spent spent;
+};
+
+// Blocks of each in turn, so that drift in the machine's load falls on both alike. Either
+// session may be absent (for a profiler, which then sees only the other).
+bool oneInFlight(const std::shared_ptr<Queue>& queue, SocketIOSession* socketio, BareSession* bare,
+                 const std::string& payload, OneInFlight& client, OneInFlight& reference) {
+    constexpr int kWarmUp = 1000, kBlocks = 10, kBlock = 2000;
+    if (socketio && !socketio->echo(payload, kWarmUp, 1)->wait()) return fail("the warm-up echo failed");
+    if (bare && !bare->echo(payload, kWarmUp)->wait()) return fail("the bare warm-up echo failed");
+    auto add = [](OneInFlight& into, const EchoLoop& loop, const Usage& before, const Usage& after) {
+        into.roundTrips.insert(into.roundTrips.end(), loop.roundTrips.begin(), loop.roundTrips.end());
+        Spent block = perMessage(before, after, kBlock * kBlocks);
+        into.spent.cpuMicros += block.cpuMicros;
+        into.spent.threadUserMicros += block.threadUserMicros;
+        into.spent.threadSystemMicros += block.threadSystemMicros;
+        into.spent.threadSwitches += block.threadSwitches;
+        into.spent.threadFaults += block.threadFaults;
+        into.spent.threadAllocations += block.threadAllocations;
+    };
+    for (int block = 0; block < kBlocks; ++block) {
+        if (socketio) {
+            Usage before = Usage::now(*queue);
+            auto loop = socketio->echo(payload, kBlock, 1);
+            if (!loop->wait()) return fail("the one-in-flight echo failed");
+            add(client, *loop, before, Usage::now(*queue));
+        }
+        if (bare) {
+            Usage before = Usage::now(*queue);
+            auto loop = bare->echo(payload, kBlock);
+            if (!loop->wait()) return fail("the bare echo failed");
+            add(reference, *loop, before, Usage::now(*queue));
+        }
+    }
+    return true;
+}
+
+void printOneInFlight(const char* what, const OneInFlight& run) {
+    printSpent(what, run.spent);
+    std::printf("%-28s p50 %.1f us, p90 %.1f us, p99 %.1f us\n", "", percentile(run.roundTrips, 0.5),
+                percentile(run.roundTrips, 0.9), percentile(run.roundTrips, 0.99));
+}
+
+// What an acked emit leaves behind once answered: the heap its time-out still holds, and the
+// CPU its expiry costs later.
+bool ackAftermath(const std::shared_ptr<Queue>& queue, int port, const std::string& payload) {
+    constexpr int kAcks = 50000, kWindow = 64;
+    SocketIOSession session(queue, port, false);
+    if (!session.connect()) return fail("the Socket.IO client did not connect");
+    if (!session.echo(payload, kAcks / 10, kWindow)->wait()) return fail("the warm-up failed");
+    // The warm-up's time-outs expire before the count starts.
+    std::this_thread::sleep_for(std::chrono::duration<double>(kAckSeconds + 1));
+    const std::size_t heapBefore = bench::heapInUse();
+    if (!session.echo(payload, kAcks, kWindow)->wait()) return fail("the echo failed");
+    const std::size_t heapAfter = bench::heapInUse();
+    Usage before = Usage::now(*queue);
+    std::this_thread::sleep_for(std::chrono::duration<double>(kAckSeconds + 1));
+    Spent expiry = perMessage(before, Usage::now(*queue), kAcks);
+    std::printf("answered acks: %.0f bytes of heap each until their time-out\n",
+                (static_cast<double>(heapAfter) - static_cast<double>(heapBefore)) / kAcks);
+    printSpent("their time-outs expiring", expiry);
+    std::printf("heap after the expiries: %.0f bytes per ack\n",
+                (static_cast<double>(bench::heapInUse()) - static_cast<double>(heapBefore)) / kAcks);
+
+    // One in flight for longer than the time-out: the counted blocks pay for the expiries of
+    // acks sent as many seconds earlier, at the same rate.
+    constexpr int kBlock = 2000, kCounted = 10;
+    const auto start = Clock::now();
+    while (Clock::now() - start < std::chrono::duration<double>(kAckSeconds + 1)) {
+        if (!session.echo(payload, kBlock, 1)->wait()) return fail("the echo failed");
+    }
+    before = Usage::now(*queue);
+    for (int block = 0; block < kCounted; ++block) {
+        if (!session.echo(payload, kBlock, 1)->wait()) return fail("the echo failed");
+    }
+    printSpent("one in flight, steady state", perMessage(before, Usage::now(*queue), kBlock * kCounted));
+    return true;
+}
+
+// "socketio" or "bare": that one-in-flight run alone, for a profiler attached to the process;
+// "timers": what answered acks leave behind.
+bool profileRun(const std::shared_ptr<Queue>& queue, int port, const std::string& which) {
+    const std::string payload = payloadOf(100);
+    OneInFlight client, reference;
+    if (which == "timers") return ackAftermath(queue, port, payload);
+    if (which == "socketio") {
+        SocketIOSession session(queue, port, false);
+        if (!session.connect()) return fail("the Socket.IO client did not connect");
+        if (!oneInFlight(queue, &session, nullptr, payload, client, reference)) return false;
+        printOneInFlight("socketio one in flight", client);
+    } else if (which == "bare") {
+        auto bare = BareSession::make(queue, port);
+        if (!bare->connect()) return fail("the bare WebSocket did not connect");
+        if (!oneInFlight(queue, nullptr, bare.get(), payload, client, reference)) return false;
+        bare->close();
+        printOneInFlight("bare websocket one in flight", reference);
+    } else {
+        return fail("profile-socketio, profile-bare or profile-timers");
+    }
+    return true;
+}
+
+bool echoFigures(const std::shared_ptr<Queue>& queue, int port) {
+    const std::string payload = payloadOf(100);
+    constexpr int kPipelined = 50000, kWindow = 64;
+
+    SocketIOSession session(queue, port, false);
+    if (!session.connect()) return fail("the Socket.IO client did not connect");
+    auto bare = BareSession::make(queue, port);
+    if (!bare->connect()) return fail("the bare WebSocket did not connect");
+    OneInFlight client, reference;
+    if (!oneInFlight(queue, &session, bare.get(), payload, client, reference)) return false;
+    bare->close();
+
+    if (!session.echo(payload, kPipelined / 10, kWindow)->wait()) return fail("the pipelined warm-up failed");
+    Usage before = Usage::now(*queue);
+    auto many = session.echo(payload, kPipelined, kWindow);
+    if (!many->wait()) return fail("the pipelined echo failed");
+    Spent manySpent = perMessage(before, Usage::now(*queue), kPipelined);
+    const double rate = kPipelined / std::chrono::duration<double>(many->finished - many->started).count();
+
+    printOneInFlight("socketio one in flight", client);
+    printOneInFlight("bare websocket one in flight", reference);
+    printSpent("socketio 64 in flight", manySpent);
+    bench::figure("socketio_echo_p50_us", percentile(client.roundTrips, 0.5), "us");
+    bench::figure("socketio_echo_p99_us", percentile(client.roundTrips, 0.99), "us");
+    bench::figure("socketio_echo_pipelined", rate, "msg/s");
+    bench::figure("socketio_cpu_per_roundtrip_us", client.spent.cpuMicros, "us");
+    return true;
+}
+
+bool connectFigures(const std::shared_ptr<Queue>& queue, int port) {
+    constexpr int kWarmUp = 3, kConnects = 50;
+    std::vector<double> socketio, bare;
+    // Alternated, so that drift in the machine's load falls on both alike.
+    for (int i = 0; i < kWarmUp + kConnects; ++i) {
+        auto plain = BareSession::make(queue, port);
+        auto bareTime = plain->connect();
+        plain->close();
+        if (!bareTime) return fail("a bare WebSocket did not connect");
+        std::optional<double> socketioTime;
+        {
+            SocketIOSession session(queue, port, false);
+            socketioTime = session.connect();
+        }
+        if (!socketioTime) return fail("a Socket.IO manager did not connect");
+        if (i < kWarmUp) continue;
+        bare.push_back(*bareTime);
+        socketio.push_back(*socketioTime);
+    }
+    const double socketioMs = percentile(socketio, 0.5) / 1000, bareMs = percentile(bare, 0.5) / 1000;
+    std::printf("connect p90: socketio %.3f ms, bare websocket %.3f ms\n", percentile(socketio, 0.9) / 1000,
+                percentile(bare, 0.9) / 1000);
+    bench::figure("socketio_connect_ms", socketioMs, "ms");
+    bench::figure("ws_connect_roundtrip_ms", bareMs, "ms");
+    bench::figure("socketio_connect_ratio", socketioMs / bareMs, "x");
+    return true;
+}
+
+// Heap held per idle connection with the default namespace joined, over several of them: a
+// manager, or (`bare`) the reference WebSocket.
+std::optional<double> idleHeap(const std::shared_ptr<Queue>& queue, int port, bool compress, bool bare) {
+    constexpr int kConnections = 16;
+    std::vector<std::unique_ptr<SocketIOSession>> managers;
+    std::vector<std::shared_ptr<BareSession>> sockets;
+    auto open = [&] {
+        if (bare) return sockets.emplace_back(BareSession::make(queue, port, compress))->connect().has_value();
+        return managers.emplace_back(std::make_unique<SocketIOSession>(queue, port, compress))->connect().has_value();
+    };
+    // The first connection also makes what the process keeps for every later one.
+    if (!open()) return std::nullopt;
+    // Whatever a connect leaves queued (events, their copies) has run by the reading.
+    auto settled = [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        queue->sync([] {});
+        return bench::heapInUse();
+    };
+    const std::size_t before = settled();
+    for (int i = 0; i < kConnections; ++i) {
+        if (!open()) return std::nullopt;
+    }
+    const std::size_t after = settled();
+    for (auto& socket : sockets) socket->close();
+    return (static_cast<double>(after) - static_cast<double>(before)) / kConnections;
+}
+
+bool heapFigures(const std::shared_ptr<Queue>& queue, int port, int deflatingPort) {
+    auto plain = idleHeap(queue, port, false, false);
+    auto compress = idleHeap(queue, deflatingPort, true, false);
+    auto compressRefused = idleHeap(queue, port, true, false);
+    auto barePlain = idleHeap(queue, port, false, true);
+    auto bareCompress = idleHeap(queue, deflatingPort, true, true);
+    if (!plain || !compress || !compressRefused || !barePlain || !bareCompress) return fail("a connection failed");
+    std::printf("idle manager, compress on, server without deflate: %.1f KiB\n", *compressRefused / 1024);
+    std::printf("idle bare websocket, namespace joined: %.1f KiB, with deflate: %.1f KiB\n", *barePlain / 1024,
+                *bareCompress / 1024);
+    bench::figure("socketio_idle_manager_heap_kib", *plain / 1024, "KiB");
+    bench::figure("socketio_idle_manager_heap_compress_kib", *compress / 1024, "KiB");
+    return true;
+}
+
+}  // namespace
+
+// With an argument ("heap", "connect", "echo", "profile-socketio", "profile-bare" or
+// "profile-timers"), only that part runs.
+int main(int argc, char** argv) {
+    const std::string only = argc > 1 ? argv[1] : "";
+    auto runs = [&](const char* part) { return only.empty() || only == part; };
+    // Quiet: a line per event would cost this process a read and a stored line each.
+    kelvane::testing::PeerProcess server("socketio-server.js", {R"({"lifetime":300,"quiet":true})"});
+    // Compression counts only where the server agrees to it.
+    kelvane::testing::PeerProcess deflating("socketio-server.js",
+                                            {R"({"lifetime":300,"quiet":true,"perMessageDeflate":{"threshold":0}})"});
+    if (!server.port() || !deflating.port()) {
+        std::fprintf(stderr, "the socket.io peer did not start (run ./run setup)\n");
+        return 1;
+    }
+    auto queue = Queue::makeSerial("bench");
+
+    // Heap first: the echoes leave ack timers behind, whose expiry would free memory mid-count.
+    if (runs("heap") && !heapFigures(queue, server.port(), deflating.port())) return 1;
+    if (runs("connect") && !connectFigures(queue, server.port())) return 1;
+    if (runs("echo") && !echoFigures(queue, server.port())) return 1;
+    if (only.starts_with("profile-") && !profileRun(queue, server.port(), only.substr(8))) return 1;
+    return 0;
+}
