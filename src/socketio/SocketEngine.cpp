@@ -4,6 +4,7 @@
 #include "socketio/SocketPacket.hpp"
 #include "socketio/SocketStringReader.hpp"
 #include "websocket/Compression.hpp"
+#include "websocket/Text.hpp"
 
 #include <kelvane/Base64.hpp>
 #include <kelvane/Fatal.hpp>
@@ -46,33 +47,11 @@ std::string urlEncode(std::string_view text) {
 
 std::string printedParam(const Json& value) { return value.is_string() ? value.get<std::string>() : printed(value); }
 
-// Whole-number text with an optional sign, as the platform's integer parse takes it.
-std::optional<std::int64_t> parseInteger(std::string_view text) {
-    if (!text.empty() && text.front() == '+') text.remove_prefix(1);
-    if (text.empty() || text.front() == '+') return std::nullopt;
-    std::int64_t value = 0;
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
-}
-
-// Length of a UTF-8 text in UTF-16 code units.
-std::size_t utf16Length(std::string_view text) {
-    std::size_t units = 0;
-    for (unsigned char c : text) {
-        if ((c & 0xC0) != 0x80) units += (c >= 0xF0) ? 2 : 1;
-    }
-    return units;
-}
-
 char typeDigit(SocketEnginePacketType type) { return static_cast<char>('0' + static_cast<int>(type)); }
 
 void setHeader(platform::HTTPRequest& request, const std::string& name, const std::string& value) {
     for (auto& [field, existing] : request.headers) {
-        if (field.size() == name.size() &&
-            std::equal(field.begin(), field.end(), name.begin(), [](char a, char b) {
-                return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-            })) {
+        if (websocket::equalsIgnoringASCIICase(field, name)) {
             existing = value;
             return;
         }
@@ -155,21 +134,21 @@ void SocketEngine::createURLs() {
             tail += "&" + urlEncode(key) + "=" + urlEncode(printedParam(value));
         }
     }
-    auto withEngineParam = [this](std::string query) {
-        if (query.find("EIO") == std::string::npos) query += version_ == SocketIOVersion::two ? "&EIO=3" : "&EIO=4";
-        return query;
-    };
     webSocket.setPercentEncodedQuery(withEngineParam("transport=websocket" + tail));
     polling.setPercentEncodedQuery(withEngineParam("transport=polling&b64=1" + tail));
     if (auto made = polling.url()) urlPolling_ = *made;
     if (auto made = webSocket.url()) urlWebSocket_ = *made;
 }
 
+std::string SocketEngine::withEngineParam(std::string query) const {
+    if (query.find("EIO") == std::string::npos) query += version_ == SocketIOVersion::two ? "&EIO=3" : "&EIO=4";
+    return query;
+}
+
 URL SocketEngine::urlPollingWithSid() const {
     auto components = URLComponents::make(urlPolling_);
-    auto query = components.percentEncodedQuery().value_or("") + "&sid=" + urlEncode(sid_);
-    if (query.find("EIO") == std::string::npos) query += version_ == SocketIOVersion::two ? "&EIO=3" : "&EIO=4";
-    components.setPercentEncodedQuery(query);
+    components.setPercentEncodedQuery(
+        withEngineParam(components.percentEncodedQuery().value_or("") + "&sid=" + urlEncode(sid_)));
     return components.url().value_or(urlPolling_);
 }
 
@@ -177,8 +156,7 @@ URL SocketEngine::urlWebSocketWithSid() const {
     auto components = URLComponents::make(urlWebSocket_);
     auto query = components.percentEncodedQuery().value_or("");
     if (!sid_.empty()) query += "&sid=" + urlEncode(sid_);
-    if (query.find("EIO") == std::string::npos) query += version_ == SocketIOVersion::two ? "&EIO=3" : "&EIO=4";
-    components.setPercentEncodedQuery(query);
+    components.setPercentEncodedQuery(withEngineParam(std::move(query)));
     return components.url().value_or(urlWebSocket_);
 }
 
@@ -267,7 +245,6 @@ void SocketEngine::resetEngine() {
     sid_.clear();
     waitingForPoll_ = false;
     waitingForPost_ = false;
-    websocket_ = false;
 }
 
 void SocketEngine::didBecomeInvalid(const std::optional<Error>& error) {
@@ -287,11 +264,7 @@ void SocketEngine::createWebSocketAndConnect() {
     if (!pinner && selfSigned_) pinner = std::make_shared<websocket::FoundationSecurity>(true);
     std::shared_ptr<websocket::CompressionHandler> compression;
     if (compress_) compression = std::make_shared<websocket::WSCompression>();
-    if (pinner) {
-        ws_ = std::make_shared<websocket::WebSocket>(std::move(request), pinner, compression, useCustomEngine_);
-    } else {
-        ws_ = std::make_shared<websocket::WebSocket>(std::move(request), nullptr, compression, useCustomEngine_);
-    }
+    ws_ = std::make_shared<websocket::WebSocket>(std::move(request), pinner, compression, useCustomEngine_);
     ws_->callbackQueue = engineQueue_;
     ws_->delegate = std::weak_ptr<websocket::WebSocketDelegate>(shared_from_this());
     ws_->connect();

@@ -112,6 +112,8 @@ private:
     void _disconnect(const std::string& reason);
     void resetEngine();
     void createURLs();
+    // The query with the revision's EIO parameter, unless something in it already spells EIO.
+    std::string withEngineParam(std::string query) const;
     void addHeaders(platform::HTTPRequest& request, const std::vector<HTTPCookie>& extraCookies = {}) const;
     void createWebSocketAndConnect();
     void websocketDidConnect();
@@ -157,7 +159,6 @@ private:
     URL urlWebSocket_;
     bool useCustomEngine_ = true;
     SocketIOVersion version_ = SocketIOVersion::three;
-    bool websocket_ = false;
     bool enableSOCKSProxy_ = false;
     std::shared_ptr<websocket::WebSocket> ws_;
     bool wsConnected_ = false;

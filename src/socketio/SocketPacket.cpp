@@ -3,6 +3,7 @@
 #include "socketio/SocketLogger.hpp"
 #include "socketio/SocketStringReader.hpp"
 
+#include <kelvane/Bytes.hpp>
 #include <kelvane/Fatal.hpp>
 
 #include <cmath>
@@ -17,33 +18,6 @@ namespace {
 
 constexpr std::string_view kParserLogType = "SocketParser";
 constexpr std::string_view kPacketLogType = "SocketPacket";
-
-// The platform's Int(text): an optional sign, then at least one ASCII digit, within 64 bits.
-std::optional<std::int64_t> integer(std::string_view text) {
-    std::size_t i = 0;
-    bool negative = false;
-    if (!text.empty() && (text[0] == '+' || text[0] == '-')) {
-        negative = text[0] == '-';
-        i = 1;
-    }
-    if (i == text.size()) return std::nullopt;
-    const std::uint64_t limit =
-        static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) + (negative ? 1 : 0);
-    std::uint64_t value = 0;
-    for (; i < text.size(); ++i) {
-        if (text[i] < '0' || text[i] > '9') return std::nullopt;
-        auto digit = static_cast<std::uint64_t>(text[i] - '0');
-        if (value > (limit - digit) / 10) return std::nullopt;
-        value = value * 10 + digit;
-    }
-    return negative ? static_cast<std::int64_t>(0 - value) : static_cast<std::int64_t>(value);
-}
-
-bool isASCII(std::string_view text) {
-    unsigned char any = 0;
-    for (char c : text) any |= static_cast<unsigned char>(c);
-    return any < 0x80;
-}
 
 bool isDigit(const std::string& unit) { return unit.size() == 1 && unit[0] >= '0' && unit[0] <= '9'; }
 
@@ -304,29 +278,9 @@ private:
     }
 
     bool multibyte() {
-        auto lead = static_cast<unsigned char>(*at_);
-        std::size_t length;
-        unsigned char low = 0x80, high = 0xBF;
-        if (lead >= 0xC2 && lead <= 0xDF) {
-            length = 2;
-        } else if (lead >= 0xE0 && lead <= 0xEF) {
-            length = 3;
-            if (lead == 0xE0) low = 0xA0;
-            if (lead == 0xED) high = 0x9F;
-        } else if (lead >= 0xF0 && lead <= 0xF4) {
-            length = 4;
-            if (lead == 0xF0) low = 0x90;
-            if (lead == 0xF4) high = 0x8F;
-        } else {
-            return false;
-        }
-        if (static_cast<std::size_t>(end_ - at_) < length) return false;
-        auto second = static_cast<unsigned char>(at_[1]);
-        if (second < low || second > high) return false;
-        for (std::size_t k = 2; k < length; ++k) {
-            if ((static_cast<unsigned char>(at_[k]) & 0xC0) != 0x80) return false;
-        }
-        at_ += length;
+        auto sequence = nextUTF8Sequence(std::string_view(at_, static_cast<std::size_t>(end_ - at_)));
+        if (!sequence.valid) return false;
+        at_ += sequence.length;
         return true;
     }
 
@@ -531,7 +485,7 @@ std::optional<SocketPacket> SocketParsable::parseBinaryData(Bytes data) {
 
 std::variant<SocketPacket, SocketParsableError> SocketParsable::parseString(std::string_view message) {
     SocketStringReader reader(message);
-    auto typeNumber = integer(reader.read(1));
+    auto typeNumber = parseInteger(reader.read(1));
     if (!typeNumber || *typeNumber < 0 || *typeNumber > 6) return SocketParsableError::invalidPacketType;
     const auto type = static_cast<PacketType>(*typeNumber);
     if (!reader.hasNext()) return SocketPacket(type);
@@ -539,7 +493,7 @@ std::variant<SocketPacket, SocketParsableError> SocketParsable::parseString(std:
     std::string nsp = "/";
     std::int64_t placeholders = -1;
     if (isBinary(type)) {
-        auto holders = integer(reader.readUntilOccurence("-"));
+        auto holders = parseInteger(reader.readUntilOccurence("-"));
         if (!holders) return SocketParsableError::invalidPacket;
         placeholders = *holders;
     }
@@ -570,7 +524,7 @@ std::variant<SocketPacket, SocketParsableError> SocketParsable::parseString(std:
     }
     auto data = parseData(dataView);
     if (!std::holds_alternative<std::vector<Json>>(data)) return SocketParsableError::invalidDataArray;
-    std::int64_t id = idText.empty() ? -1 : integer(idText).value_or(-1);
+    std::int64_t id = idText.empty() ? -1 : parseInteger(idText).value_or(-1);
     return SocketPacket(type, std::get<std::vector<Json>>(std::move(data)), id, std::move(nsp), placeholders);
 }
 

@@ -1,20 +1,16 @@
 #include "socketio/SocketStringReader.hpp"
 
+#include <kelvane/Bytes.hpp>
 #include <kelvane/Fatal.hpp>
 
 #include <algorithm>
+#include <limits>
 
 namespace kelvane::socketio {
 namespace {
 
 constexpr std::string_view kOutOfBounds = "String index is out of bounds";
 constexpr char16_t kReplacement = 0xFFFD;
-
-bool isASCII(std::string_view text) {
-    unsigned char any = 0;
-    for (char c : text) any |= static_cast<unsigned char>(c);
-    return any < 0x80;
-}
 
 bool isSurrogate(char16_t unit) { return unit >= 0xD800 && unit <= 0xDFFF; }
 
@@ -33,38 +29,15 @@ std::u16string utf16(std::string_view text) {
             ++i;
             continue;
         }
-        std::size_t length;
-        unsigned char low = 0x80, high = 0xBF;
-        char32_t point;
-        if (lead >= 0xC2 && lead <= 0xDF) {
-            length = 2;
-            point = lead & 0x1F;
-        } else if (lead >= 0xE0 && lead <= 0xEF) {
-            length = 3;
-            point = lead & 0x0F;
-            if (lead == 0xE0) low = 0xA0;
-            if (lead == 0xED) high = 0x9F;
-        } else if (lead >= 0xF0 && lead <= 0xF4) {
-            length = 4;
-            point = lead & 0x07;
-            if (lead == 0xF0) low = 0x90;
-            if (lead == 0xF4) high = 0x8F;
-        } else {
+        auto sequence = nextUTF8Sequence(text.substr(i));
+        if (!sequence.valid) {
             out.push_back(kReplacement);
-            ++i;
+            i += sequence.length;
             continue;
         }
-        std::size_t k = 1;
-        for (; k < length && i + k < size; ++k) {
-            unsigned char next = bytes[i + k];
-            if (next < (k == 1 ? low : 0x80) || next > (k == 1 ? high : 0xBF)) break;
-            point = (point << 6) | (next & 0x3F);
-        }
-        if (k < length) {
-            out.push_back(kReplacement);
-            i += k;
-            continue;
-        }
+        const std::size_t length = sequence.length;
+        char32_t point = lead & (length == 2 ? 0x1F : length == 3 ? 0x0F : 0x07);
+        for (std::size_t k = 1; k < length; ++k) point = (point << 6) | (bytes[i + k] & 0x3F);
         if (point >= 0x10000) {
             point -= 0x10000;
             out.push_back(static_cast<char16_t>(0xD800 + (point >> 10)));
@@ -114,6 +87,40 @@ std::string utf8(std::u16string_view units) {
 }
 
 }  // namespace
+
+std::optional<std::int64_t> parseInteger(std::string_view text) {
+    std::size_t i = 0;
+    bool negative = false;
+    if (!text.empty() && (text[0] == '+' || text[0] == '-')) {
+        negative = text[0] == '-';
+        i = 1;
+    }
+    if (i == text.size()) return std::nullopt;
+    const std::uint64_t limit =
+        static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) + (negative ? 1 : 0);
+    std::uint64_t value = 0;
+    for (; i < text.size(); ++i) {
+        if (text[i] < '0' || text[i] > '9') return std::nullopt;
+        auto digit = static_cast<std::uint64_t>(text[i] - '0');
+        if (value > (limit - digit) / 10) return std::nullopt;
+        value = value * 10 + digit;
+    }
+    return negative ? static_cast<std::int64_t>(0 - value) : static_cast<std::int64_t>(value);
+}
+
+bool isASCII(std::string_view text) {
+    unsigned char any = 0;
+    for (char c : text) any |= static_cast<unsigned char>(c);
+    return any < 0x80;
+}
+
+std::size_t utf16Length(std::string_view text) {
+    std::size_t units = 0;
+    for (unsigned char c : text) {
+        if ((c & 0xC0) != 0x80) units += (c >= 0xF0) ? 2 : 1;
+    }
+    return units;
+}
 
 SocketStringReader::SocketStringReader(std::string_view message) : isASCII_(isASCII(message)) {
     if (isASCII_) {

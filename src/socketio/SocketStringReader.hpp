@@ -1,10 +1,18 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace kelvane::socketio {
+
+// The platform's Int(text): an optional sign, then at least one ASCII digit, within 64 bits.
+std::optional<std::int64_t> parseInteger(std::string_view text);
+bool isASCII(std::string_view text);
+// Length of a well-formed UTF-8 text in UTF-16 code units.
+std::size_t utf16Length(std::string_view text);
 
 // A cursor over a message, counted in UTF-16 code units. A plain value.
 class SocketStringReader {
