@@ -1,5 +1,7 @@
 #include "Ports.hpp"
 
+#include "support/HTTPSession.hpp"
+
 #include <mutex>
 #include <unordered_map>
 
@@ -140,6 +142,21 @@ public:
     std::optional<std::string> shortVersion() const override { return std::nullopt; }
 };
 
+// No app takes any URL.
+class NoOpener final : public URLOpener {
+public:
+    bool canOpenURL(const URL&) const override { return false; }
+    void open(const URL&, std::function<void(bool)> completion) override {
+        if (completion) completion(false);
+    }
+    std::string openSettingsURLString() const override { return "app-settings:"; }
+};
+
+class NoDocuments final : public DocumentsDirectory {
+public:
+    std::optional<std::filesystem::path> documentsDirectory() const override { return std::nullopt; }
+};
+
 template <class Port, class StandIn>
 std::shared_ptr<Port> portOr(std::shared_ptr<Port> Platform::*member) {
     static auto* standIn = new std::shared_ptr<Port>(std::make_shared<StandIn>());
@@ -157,5 +174,13 @@ std::shared_ptr<KeyValueStore> keyValueStore() {
 }
 std::shared_ptr<Device> device() { return portOr<Device, UnknownDevice>(&Platform::device); }
 std::shared_ptr<Bundle> bundle() { return portOr<Bundle, NoBundle>(&Platform::bundle); }
+std::shared_ptr<URLOpener> urlOpener() { return portOr<URLOpener, NoOpener>(&Platform::urlOpener); }
+std::shared_ptr<DocumentsDirectory> documents() {
+    return portOr<DocumentsDirectory, NoDocuments>(&Platform::documents);
+}
+std::shared_ptr<HTTP> http() {
+    if (auto port = current()->http) return port;
+    return defaultHTTP();
+}
 
 }  // namespace kelvane::ports

@@ -13,5 +13,9 @@ std::shared_ptr<platform::Pasteboard> pasteboard();
 std::shared_ptr<platform::KeyValueStore> keyValueStore();
 std::shared_ptr<platform::Device> device();
 std::shared_ptr<platform::Bundle> bundle();
+std::shared_ptr<platform::URLOpener> urlOpener();
+// The platform's HTTP, or the library's own on libcurl.
+std::shared_ptr<platform::HTTP> http();
+std::shared_ptr<platform::DocumentsDirectory> documents();
 
 }  // namespace kelvane::ports

@@ -103,7 +103,7 @@ std::shared_ptr<platform::ActivityIndicator> FakeViewSystem::makeActivityIndicat
 void FakeWebView::evaluateJavaScript(const std::string& script,
                                      std::function<void(std::optional<Json>, std::optional<Error>)> completion) {
     scripts.push_back(script);
-    if (completion) completion(std::nullopt, std::nullopt);
+    if (completion) completion(scriptResult, scriptError);
 }
 
 std::shared_ptr<platform::WebView> FakeWebViews::makeWebView(platform::Rect frame,
@@ -114,15 +114,22 @@ std::shared_ptr<platform::WebView> FakeWebViews::makeWebView(platform::Rect fram
 }
 
 void FakeWebViews::fetchDataRecords(std::function<void(std::vector<platform::WebsiteDataRecord>)> completion) {
-    completion({});
+    storeCalls.push_back("fetchDataRecords");
+    completion(records);
 }
 
-void FakeWebViews::removeData(const std::vector<std::string>&, const platform::WebsiteDataRecord&,
+void FakeWebViews::removeData(const std::vector<std::string>& dataTypes, const platform::WebsiteDataRecord& record,
                               std::function<void()> completion) {
+    std::string call = "removeData " + record.displayName;
+    for (const auto& type : dataTypes) call += " " + type;
+    storeCalls.push_back(call);
     if (completion) completion();
 }
 
-void FakeWebViews::removeCookies(std::chrono::system_clock::time_point) {}
+void FakeWebViews::removeCookies(std::chrono::system_clock::time_point since) {
+    storeCalls.push_back(since == std::chrono::system_clock::time_point::min() ? "removeCookies since ever"
+                                                                               : "removeCookies");
+}
 
 std::optional<std::string> FakeKeyValueStore::string(const std::string& key) const {
     std::lock_guard lock(mutex_);
@@ -183,7 +190,27 @@ void RecordingDelegate::note(std::string call) {
     calls_.push_back(std::move(call));
 }
 
-FakePlatform::FakePlatform() : previous_(platform::current()) {
+bool FakeURLOpener::canOpenURL(const URL& url) const {
+    std::lock_guard lock(mutex_);
+    asked.push_back(url.absoluteString());
+    return std::find(openable.begin(), openable.end(), url.absoluteString()) != openable.end();
+}
+
+void FakeURLOpener::open(const URL& url, std::function<void(bool)> completion) {
+    {
+        std::lock_guard lock(mutex_);
+        opened.push_back(url.absoluteString());
+        if (holdOpens) {
+            heldCompletions.push_back(std::move(completion));
+            return;
+        }
+    }
+    if (completion) completion(opens);
+}
+
+FakePlatform::FakePlatform() : previous_(platform::current()) { install(); }
+
+void FakePlatform::install() {
     platform::Platform ports;
     ports.mainQueue = mainQueue;
     ports.viewSystem = viewSystem;
@@ -192,6 +219,9 @@ FakePlatform::FakePlatform() : previous_(platform::current()) {
     ports.keyValueStore = keyValueStore;
     ports.device = device;
     ports.bundle = bundle;
+    ports.urlOpener = urlOpener;
+    ports.documents = documents;
+    ports.http = http;
     platform::install(std::move(ports));
 }
 

@@ -131,10 +131,19 @@ public:
     std::vector<std::string> scripts;
     std::weak_ptr<platform::NavigationDelegate> navigationDelegate;
     std::weak_ptr<void> uiDelegate;
+    // What script runs complete with, and the connection's trust.
+    std::optional<Json> scriptResult;
+    std::optional<Error> scriptError;
+    std::optional<std::string> trust;
+    // Runs at each load, after it is recorded.
+    std::function<void()> onLoad;
 
     std::shared_ptr<platform::View> view() override { return rootView; }
     platform::Point center() const override { return frame.center(); }
-    void load(const platform::URLRequest& request) override { loads.push_back(request); }
+    void load(const platform::URLRequest& request) override {
+        loads.push_back(request);
+        if (onLoad) onLoad();
+    }
     void stopLoading() override { ++stopLoadingCount; }
     void evaluateJavaScript(const std::string& script,
                             std::function<void(std::optional<Json>, std::optional<Error>)> completion) override;
@@ -142,12 +151,15 @@ public:
         navigationDelegate = std::move(delegate);
     }
     void setUIDelegate(std::weak_ptr<void> delegate) override { uiDelegate = std::move(delegate); }
-    std::optional<std::string> serverTrust() const override { return std::nullopt; }
+    std::optional<std::string> serverTrust() const override { return trust; }
 };
 
 class FakeWebViews : public platform::WebViewSystem {
 public:
     std::vector<std::shared_ptr<FakeWebView>> made;
+    std::vector<platform::WebsiteDataRecord> records;
+    // In order: "removeCookies", "fetchDataRecords", "removeData <name>".
+    std::vector<std::string> storeCalls;
     std::shared_ptr<platform::WebView> makeWebView(platform::Rect frame,
                                                    const platform::WebViewConfiguration& configuration) override;
     void fetchDataRecords(std::function<void(std::vector<platform::WebsiteDataRecord>)> completion) override;
@@ -202,6 +214,31 @@ public:
     std::optional<std::string> shortVersion() const override { return version; }
 };
 
+// Records what was handed over; answers canOpenURL from `openable` and open() from `opens`,
+// completing at once on the caller's thread unless `holdOpens` keeps the completions for later.
+class FakeURLOpener : public platform::URLOpener {
+public:
+    std::vector<std::string> openable;
+    bool opens = true;
+    bool holdOpens = false;
+    mutable std::vector<std::string> asked;
+    std::vector<std::string> opened;
+    std::vector<std::function<void(bool)>> heldCompletions;
+
+    bool canOpenURL(const URL& url) const override;
+    void open(const URL& url, std::function<void(bool)> completion) override;
+    std::string openSettingsURLString() const override { return "app-settings:"; }
+
+private:
+    mutable std::mutex mutex_;
+};
+
+class FakeDocuments : public platform::DocumentsDirectory {
+public:
+    std::optional<std::filesystem::path> directory;
+    std::optional<std::filesystem::path> documentsDirectory() const override { return directory; }
+};
+
 // The host's delegate, writing down each call as "method:argument", in order.
 class RecordingDelegate : public KelvaneService {
 public:
@@ -236,6 +273,13 @@ struct FakePlatform {
     std::shared_ptr<FakeKeyValueStore> keyValueStore = std::make_shared<FakeKeyValueStore>();
     std::shared_ptr<FakeDevice> device = std::make_shared<FakeDevice>();
     std::shared_ptr<FakeBundle> bundle = std::make_shared<FakeBundle>();
+    std::shared_ptr<FakeURLOpener> urlOpener = std::make_shared<FakeURLOpener>();
+    std::shared_ptr<FakeDocuments> documents = std::make_shared<FakeDocuments>();
+    // Empty: the library's own HTTP on libcurl.
+    std::shared_ptr<platform::HTTP> http;
+
+    // Installs the members again, after a test replaced one.
+    void install();
 
 private:
     std::shared_ptr<const platform::Platform> previous_;
