@@ -30,4 +30,7 @@ struct UTF8Sequence {
 };
 UTF8Sequence nextUTF8Sequence(std::string_view text);
 
+// The text without white space and line ends (Unicode's White_Space characters) at either end.
+std::string_view trimmingWhitespacesAndNewlines(std::string_view text);
+
 }  // namespace kelvane

@@ -13,6 +13,9 @@ inline constexpr std::string_view kUnwrapNil = "Unexpectedly found nil while unw
 inline constexpr std::string_view kImplicitUnwrapNil =
     "Unexpectedly found nil while implicitly unwrapping an Optional value";
 
+// How the platform words an error that code assumed could not happen; the error's text follows.
+inline constexpr std::string_view kUnexpectedError = "'try!' expression unexpectedly raised an error: ";
+
 // Ends the process: writes "Fatal error: <message>" to standard error and aborts. The only
 // way the library ends the process, used exactly where the behaviour calls for it.
 [[noreturn]] void fatalStop(std::string_view message);

@@ -3,15 +3,31 @@
 #include <kelvane/Fatal.hpp>
 #include <kelvane/Log.hpp>
 #include <kelvane/Queue.hpp>
+#include <kelvane/AlertController.hpp>
 #include <kelvane/platform/ViewSystem.hpp>
 
-#include "flow/Events.hpp"
+#include "backend/ApiService.hpp"
+#include "backend/WebSocketService.hpp"
+#include "flow/FileDownloadService.hpp"
 #include "services/EncryptService.hpp"
 #include "support/Ports.hpp"
 
+#include <cstdio>
+
 namespace kelvane {
 
-std::shared_ptr<WebSocketService::Connection> WebSocketService::socketManager;
+namespace {
+constexpr double kPageTimeout = 60.0;
+
+platform::URLRequest pageRequest(URL url) {
+    return {std::move(url), platform::URLRequest::CachePolicy::useProtocolCachePolicy, kPageTimeout};
+}
+
+std::optional<std::string> socketField(const std::optional<SocketData>& data, std::string SocketData::*field) {
+    if (!data) return std::nullopt;
+    return (*data).*field;
+}
+}  // namespace
 
 WebViewController::WebViewController()
     : loadingIndicator(ports::viewSystem()->makeActivityIndicator(platform::ActivityIndicatorStyle::medium)) {}
@@ -20,9 +36,16 @@ void WebViewController::connectOutlet(std::string_view name, const std::shared_p
     if (name == "appWeb") appWeb = view;
 }
 
+std::shared_ptr<WebViewController> WebViewController::shared() {
+    return std::static_pointer_cast<WebViewController>(shared_from_this());
+}
+
+void WebViewController::performAction(std::string_view name) {
+    if (name == "exit") exit();
+}
+
 void WebViewController::viewDidLoad() {
-    std::weak_ptr<WebViewController> weakSelf =
-        std::static_pointer_cast<WebViewController>(shared_from_this());
+    std::weak_ptr<WebViewController> weakSelf = shared();
     cancellable_ = CustomSchemeSingleton::shared().streamPublisher().first([weakSelf](const std::string& url) {
         if (auto self = weakSelf.lock()) self->loadURL(url);
     });
@@ -39,6 +62,7 @@ void WebViewController::viewWillAppear(bool) {
 void WebViewController::viewDidAppear(bool) {
     isModalInPresentation = true;
     webView->setUIDelegate(weak_from_this());
+    webView->setNavigationDelegate(shared());
     newWebViewNew();
 }
 
@@ -47,7 +71,7 @@ platform::WebViewConfiguration WebViewController::configureWebView() {
     configuration.allowsInlineMediaPlayback = true;
     configuration.allowsAirPlayForMediaPlayback = true;
     configuration.allowsPictureInPictureMediaPlayback = true;
-    std::weak_ptr<WebViewController> handler = std::static_pointer_cast<WebViewController>(shared_from_this());
+    std::weak_ptr<WebViewController> handler = shared();
     for (Events event : allValues()) configuration.userContentController.add(handler, std::string(eventName(event)));
     configuration.mediaTypesRequiringUserActionForPlayback = platform::WebViewConfiguration::none;
     return configuration;
@@ -55,7 +79,9 @@ platform::WebViewConfiguration WebViewController::configureWebView() {
 
 std::shared_ptr<platform::WebView> WebViewController::createWebView(
     const platform::WebViewConfiguration& configuration) {
-    return ports::webViews()->makeWebView(view()->bounds(), configuration);
+    auto made = ports::webViews()->makeWebView(view()->bounds(), configuration);
+    made->setNavigationDelegate(shared());
+    return made;
 }
 
 void WebViewController::setupWebView() {
@@ -75,7 +101,7 @@ void WebViewController::loadURL(const std::string& url) {
         logLine("Error: webView is nil");
         return;
     }
-    webView->load(platform::URLRequest{*parsed});
+    webView->load(pageRequest(*parsed));
 }
 
 void WebViewController::stopListening() {
@@ -147,10 +173,59 @@ void WebViewController::extractTransaction(const Json& transaction) {
 }
 
 void WebViewController::newLoadWebView(const std::string& url) {
-    // A page address that is no URL stops here.
-    forceUnwrap(URL::make(url));
-    // Building the request, connecting the status socket, reporting the start and loading
-    // the page follow here once the session socket exists.
+    auto request = pageRequest(forceUnwrap(URL::make(url)));
+    auto self = shared();
+    std::make_shared<WebSocketService>()
+        ->tryConnect(forceUnwrap(socketData), kelvaneService)
+        .then([self, request](bool connected) {
+            self->loadingIndicator->stopAnimating();
+            if (!connected) {
+                self->closeWithError(Status::WebSocketConnectionFailed, true);
+                return;
+            }
+            // The page waits for the report to end, whatever its outcome.
+            ApiService().sendConnectionStatus(
+                ConnectionStatus::started, socketField(self->socketData, &SocketData::url),
+                socketField(self->socketData, &SocketData::requestId), [self, request](bool) {
+                    Queue::main()->async([self, request] {
+                        forceUnwrap(self->webView, kImplicitUnwrapNil).load(request);
+                        self->cleanAllCookies();
+                    });
+                });
+        });
+}
+
+void WebViewController::cleanAllCookies() {
+    auto store = ports::webViews();
+    store->removeCookies(std::chrono::system_clock::time_point::min());
+    logLine("All cookies deleted");
+    store->fetchDataRecords([store](std::vector<platform::WebsiteDataRecord> records) {
+        for (const auto& record : records) {
+            store->removeData(record.dataTypes, record, [] {});
+            logLine("Cookie ::: " + record.displayName + " deleted");
+        }
+    });
+}
+
+void WebViewController::exit() {
+    auto self = shared();
+    AlertDialogController::showAlert(*this, [self] {
+        ApiService().sendConnectionStatus(ConnectionStatus::userClosed,
+                                          socketField(self->socketData, &SocketData::url),
+                                          socketField(self->socketData, &SocketData::requestId), [](bool) {});
+        self->customDismiss(CloseReason::ByUser, self->kelvaneService);
+        self->stopListening();
+    });
+}
+
+void AlertDialogController::showAlert(ViewController& controller, std::function<void()> completionHandler) {
+    auto alert = std::make_shared<AlertController>("Cancel Transaction", "Do you wish to cancel current transaction",
+                                                   AlertController::Style::alert);
+    alert->addAction({"OK", AlertController::ActionStyle::defaultStyle, [completionHandler] {
+                          if (completionHandler) completionHandler();
+                      }});
+    alert->addAction({"CANCEL", AlertController::ActionStyle::defaultStyle, {}});
+    controller.present(alert, true);
 }
 
 void WebViewController::customDismiss(CloseReason resultModel, const std::shared_ptr<KelvaneService>& delegate) {
@@ -173,13 +248,112 @@ void WebViewController::customDismiss(CloseReason resultModel, const std::shared
 void WebViewController::userContentController(const platform::ScriptMessage& message) {
     logLine("Message name from : " + message.name);
     logLine("Message body from : " + json::dump(message.body));
-    if (message.name == eventName(Events::success)) {
-        customDismiss(CloseReason::TranscationCompleted, kelvaneService);
+    auto event = eventNamed(message.name);
+    if (!event) return;
+    switch (*event) {
+        case Events::success:
+            customDismiss(CloseReason::TranscationCompleted, kelvaneService);
+            return;
+        case Events::failure:
+            pageFailed();
+            return;
+        case Events::getFcmToken:
+            forceUnwrap(kelvaneService, kImplicitUnwrapNil);
+            break;
+        case Events::isCustomSchemeRegisteredOnApp:
+            logLine("***************** Event customme scheme register started on app *******************");
+            break;
+        default:
+            break;
+    }
+    runService(*event, message);
+}
+
+void WebViewController::runService(Events event, const platform::ScriptMessage&) {
+    // The event's service is not part of this build; the page hears nothing, as for a name
+    // without a handler.
+    logLine("No native service for " + std::string(eventName(event)));
+}
+
+void WebViewController::pageFailed() {
+    WebSocketService().dispose();
+    ApiService().sendConnectionStatus(ConnectionStatus::userClosed, socketField(socketData, &SocketData::url),
+                                      socketField(socketData, &SocketData::requestId), [](bool) {});
+    customDismiss(CloseReason::TranscationCompleted, kelvaneService);
+}
+
+void WebViewController::sendData(const std::string& data) {
+    auto self = shared();
+    Queue::main()->async([self, data] {
+        logLine("send data -> " + data);
+        forceUnwrap(self->webView, kImplicitUnwrapNil)
+            .evaluateJavaScript(data, [](std::optional<Json> result, std::optional<Error> error) {
+                logLine("result executing JavaScript: " + (result ? json::dump(*result) : std::string("nil")));
+                logLine(error ? "Error executing JavaScript: " + error->text()
+                              : std::string("JavaScript executed successfully"));
+            });
+    });
+}
+
+void WebViewController::decidePolicy(platform::WebView&, const platform::NavigationAction& action,
+                                     std::function<void(platform::NavigationActionPolicy)> decisionHandler) {
+    auto self = shared();
+    Queue::main()->async([self, action, decisionHandler = std::move(decisionHandler)] {
+        self->decide(action, decisionHandler);
+    });
+}
+
+void WebViewController::decide(const platform::NavigationAction& action,
+                               const std::function<void(platform::NavigationActionPolicy)>& decisionHandler) {
+    using Policy = platform::NavigationActionPolicy;
+    auto opener = ports::urlOpener();
+    if (action.url) {
+        if (auto model = customSchemeService.preprocessUri(action.url)) {
+            logLine("custom url is called " + action.url->absoluteString());
+            if (opener->canOpenURL(model->appToAppUri)) {
+                opener->open(model->appToAppUri, [decisionHandler](bool opened) {
+                    decisionHandler(opened ? Policy::cancel : Policy::allow);
+                });
+                return;
+            }
+        }
+    }
+    if (action.hasTargetFrame) {
+        decisionHandler(Policy::allow);
+    } else if (action.url) {
+        // A new window leaves for the system, whatever its scheme.
+        opener->open(*action.url, {});
+        decisionHandler(Policy::cancel);
+    } else {
+        decisionHandler(Policy::allow);
     }
 }
 
-void WebSocketService::dispose() {
-    if (auto connection = std::exchange(socketManager, nullptr)) connection->disconnect();
+void WebViewController::didStartProvisionalNavigation(platform::WebView& view) {
+    logLine("-----------New web View open-----------------");
+    char address[32];
+    std::snprintf(address, sizeof address, "%p", static_cast<void*>(&view));
+    logLine(std::string("<WebView: ") + address + ">");
+    loadingIndicator->startAnimating();
 }
+
+void WebViewController::didFinishNavigation(platform::WebView&) { loadingIndicator->stopAnimating(); }
+
+void WebViewController::didFailNavigation(platform::WebView&, const Error&) { loadingIndicator->stopAnimating(); }
+
+void WebViewController::didFailProvisionalNavigation(platform::WebView&, const Error& error) {
+    logLine("NsError : " + error.text());
+    // Other domains leave the flow as it stands, indicator running.
+    if (error.domain != platform::kURLErrorDomain) return;
+    forceUnwrap(kelvaneService, kImplicitUnwrapNil).onError(std::string(errorName(Status::ConnectionError)));
+    customDismiss(CloseReason::TranscationCompleted, kelvaneService);
+    stopListening();
+}
+
+void WebViewController::didReceiveServerRedirectForProvisionalNavigation(platform::WebView& view) {
+    if (auto trust = view.serverTrust()) logLine("Server Trust : " + *trust);
+}
+
+bool WebViewController::isDownloadURL(const URL& url) const { return kelvane::isDownloadURL(url); }
 
 }  // namespace kelvane

@@ -7,6 +7,8 @@
 #include <kelvane/platform/View.hpp>
 #include <kelvane/platform/WebView.hpp>
 
+#include "flow/Bridge.hpp"
+#include "flow/Events.hpp"
 #include "flow/JsHandler.hpp"
 #include "services/CustomSchemeService.hpp"
 
@@ -23,10 +25,14 @@ struct SocketData {
     bool operator==(const SocketData&) const = default;
 };
 
-// The screen of one transaction: it owns the web view, runs the intake when it appears and
-// leads the transaction to its page. Made from the storyboard scene "WebViewController" for
-// each accepted message. Main queue only, like every screen.
-class WebViewController : public ViewController, public platform::ScriptMessageHandler {
+// The screen of one transaction: it owns the web view, runs the intake when it appears, connects
+// the status socket, reports the start and only then loads the page. It is also the page's
+// bridge (the handler of its script messages) and the web view's navigation policy. Made from
+// the storyboard scene "WebViewController" for each accepted message. Main queue only, like
+// every screen, unless a member says otherwise.
+class WebViewController : public ViewController,
+                          public platform::ScriptMessageHandler,
+                          public platform::NavigationDelegate {
 public:
     WebViewController();
 
@@ -49,6 +55,8 @@ public:
     void viewWillAppear(bool animated) override;
     void viewDidAppear(bool animated) override;
     void connectOutlet(std::string_view name, const std::shared_ptr<platform::View>& view) override;
+    // The scene's exit button is wired to "exit".
+    void performAction(std::string_view name) override;
 
     // The custom-scheme road back into the page: loads `url` in the web view.
     virtual void loadURL(const std::string& url);
@@ -58,8 +66,16 @@ public:
     virtual void newWebViewNew();
     virtual void handleEncryptedData(const Json& payload, const std::shared_ptr<KelvaneService>& with,
                                      const std::optional<std::string>& encryptionKey);
-    // Where a good transaction arrives with its page address, `socketData` set.
+    // Connects the status socket, reports the start, then loads `url` and wipes cookies. An
+    // address that is no URL is a fatal stop.
     virtual void newLoadWebView(const std::string& url);
+    // Removes the shared cookies and every website data record of the web views' store.
+    virtual void cleanAllCookies();
+    // The exit button: asks the user, and on "OK" reports the close and dismisses ("ByUser").
+    virtual void exit();
+    // Runs a script in the page, always later on the main queue. Any thread. Once the flow's web
+    // view is gone, the run is a fatal stop.
+    virtual void sendData(const std::string& data);
 
     // Tells the host the flow closed, stops the web view and dismisses the screen.
     void customDismiss(CloseReason resultModel, const std::shared_ptr<KelvaneService>& kelvaneService);
@@ -67,7 +83,32 @@ public:
     // The page posted to one of the event handlers.
     void userContentController(const platform::ScriptMessage& message) override;
 
+    // Navigation policy. Every decision is made later on the main queue, or from the opener's
+    // completion when the navigation hands off to another app.
+    void decidePolicy(platform::WebView& webView, const platform::NavigationAction& action,
+                      std::function<void(platform::NavigationActionPolicy)> decisionHandler) override;
+    void didStartProvisionalNavigation(platform::WebView& webView) override;
+    void didFinishNavigation(platform::WebView& webView) override;
+    void didFailNavigation(platform::WebView& webView, const Error& error) override;
+    // A failed load of URL loading ends the transaction with "ConnectionError".
+    void didFailProvisionalNavigation(platform::WebView& webView, const Error& error) override;
+    void didReceiveServerRedirectForProvisionalNavigation(platform::WebView& webView) override;
+
+    // Whether the URL names a document to download (a PDF file). Nothing calls it yet.
+    virtual bool isDownloadURL(const URL& url) const;
+
     std::string className() const override { return "WebViewController"; }
+
+protected:
+    // Runs the service of a bridge event (every event but "success" and "failure"); the service
+    // answers through answer(). `event` is the posted one.
+    virtual void runService(Events event, const platform::ScriptMessage& message);
+
+    // Sends a service's record to the page under the posted name. Any thread.
+    template <class Record>
+    void answer(const std::string& postedName, const Record& record) {
+        sendData(bridge::iosCallback(postedName, bridge::encodeAnswer(record)));
+    }
 
 private:
     platform::WebViewConfiguration configureWebView();
@@ -75,29 +116,20 @@ private:
     void setupWebView();
     void extractTransaction(const Json& transaction);
     void closeWithError(Status status, bool thenStopListening);
+    void decide(const platform::NavigationAction& action,
+                const std::function<void(platform::NavigationActionPolicy)>& decisionHandler);
+    void pageFailed();
+    std::shared_ptr<WebViewController> shared();
 
     std::unique_ptr<Cancellable> cancellable_;
 };
 
-// The transaction's status socket. Only dispose() and the class-level connection live here
-// for now; objects are made for each use, since the connection belongs to the class.
-class WebSocketService : public WebViewController {
+// The exit dialog of a flow.
+class AlertDialogController {
 public:
-    // What dispose() closes.
-    class Connection {
-    public:
-        virtual ~Connection() = default;
-        virtual void disconnect() = 0;
-    };
-    // One per process. Main queue only.
-    static std::shared_ptr<Connection> socketManager;
-
-    std::string requestId;
-
-    // Closes the class-level connection, if there is one, and forgets it.
-    void dispose();
-
-    std::string className() const override { return "WebSocketService"; }
+    // Asks "Cancel Transaction" over `controller`; "OK" runs `completionHandler`, "CANCEL"
+    // nothing.
+    static void showAlert(ViewController& controller, std::function<void()> completionHandler);
 };
 
 }  // namespace kelvane

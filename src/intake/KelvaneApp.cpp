@@ -6,7 +6,7 @@
 #include <kelvane/platform/ViewSystem.hpp>
 
 #include "flow/Storyboard.hpp"
-#include "flow/WebViewController.hpp"
+#include "backend/WebSocketService.hpp"
 #include "services/CustomSchemeService.hpp"
 #include "support/Ports.hpp"
 

@@ -43,4 +43,27 @@ bool isValidUTF8(std::string_view text) {
     return true;
 }
 
+namespace {
+// Longest first is not needed: no entry is a prefix of another.
+constexpr std::string_view kWhiteSpace[] = {
+    " ", "\t", "\n", "\v", "\f", "\r", "\xC2\x85", "\xC2\xA0", "\xE1\x9A\x80",
+    "\xE2\x80\x80", "\xE2\x80\x81", "\xE2\x80\x82", "\xE2\x80\x83", "\xE2\x80\x84", "\xE2\x80\x85",
+    "\xE2\x80\x86", "\xE2\x80\x87", "\xE2\x80\x88", "\xE2\x80\x89", "\xE2\x80\x8A", "\xE2\x80\xA8",
+    "\xE2\x80\xA9", "\xE2\x80\xAF", "\xE2\x81\x9F", "\xE3\x80\x80",
+};
+
+std::size_t whiteSpaceAt(std::string_view text, bool atEnd) {
+    for (auto space : kWhiteSpace) {
+        if (atEnd ? text.ends_with(space) : text.starts_with(space)) return space.size();
+    }
+    return 0;
+}
+}  // namespace
+
+std::string_view trimmingWhitespacesAndNewlines(std::string_view text) {
+    while (auto length = whiteSpaceAt(text, false)) text.remove_prefix(length);
+    while (auto length = whiteSpaceAt(text, true)) text.remove_suffix(length);
+    return text;
+}
+
 }  // namespace kelvane

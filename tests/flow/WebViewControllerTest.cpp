@@ -2,6 +2,8 @@
 
 #include "flow/Events.hpp"
 
+#include <kelvane/AlertController.hpp>
+
 using namespace kelvane;
 using kelvane::testing::FlowFixture;
 using kelvane::testing::ObservedWebViewController;
@@ -99,18 +101,71 @@ TEST_F(WebViewControllerTest, CustomDismissWithoutAWindowSceneDismissesTheFlowIt
     EXPECT_EQ(platform.viewSystem->dismissals[0].controller, controller.get());
 }
 
-TEST_F(WebViewControllerTest, ThePagesSuccessClosesTheFlow) {
+TEST_F(WebViewControllerTest, TheExitButtonAsksAndOnlyOKReportsAndCloses) {
     auto controller = show();
-    controller->userContentController({"success", Json{{"any", "body"}}});
-    EXPECT_EQ(delegate->calls(), std::vector<std::string>{"onClosed:TranscationCompleted"});
-    EXPECT_TRUE(log.contains("Message name from : success"));
-    EXPECT_TRUE(log.contains(R"(Message body from : {"any":"body"})"));
+    auto webView = webViewOf(controller);
+    connection->disconnects = 0;
+    connection->install();
+    auto exitAndTap = [&](std::size_t action) {
+        controller->performAction("exit");
+        auto alert = std::dynamic_pointer_cast<AlertController>(platform.viewSystem->shown.back().controller);
+        EXPECT_EQ(platform.viewSystem->shown.back().on, controller.get());
+        alert->tap(action);
+        return alert;
+    };
+    auto alert = exitAndTap(1);
+    EXPECT_EQ(alert->title, "Cancel Transaction");
+    EXPECT_EQ(alert->message, "Do you wish to cancel current transaction");
+    EXPECT_EQ(alert->preferredStyle, AlertController::Style::alert);
+    ASSERT_EQ(alert->actions.size(), 2u);
+    EXPECT_EQ(alert->actions[0].title, "OK");
+    EXPECT_EQ(alert->actions[1].title, "CANCEL");
+    EXPECT_TRUE(delegate->calls().empty());
+    EXPECT_TRUE(http->requests().empty());
+
+    exitAndTap(0);
+    EXPECT_EQ(delegate->calls(), std::vector<std::string>{"onClosed:ByUser"});
+    auto requests = http->requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "POST");
+    EXPECT_EQ(requests[0].url.absoluteString(), "wss://socket.test/status?key=req-1");
+    EXPECT_EQ(requests[0].body, R"({"status":"403"})");
+    EXPECT_EQ(webView->stopLoadingCount, 1);
+    // The socket stays until the next transaction.
+    EXPECT_EQ(connection->disconnects, 0);
+    CustomSchemeSingleton::shared().sendData(freshReturnURL());
+    EXPECT_TRUE(webView->loads.empty());
+}
+
+TEST_F(WebViewControllerTest, ExitOfAStalledFlowStillCloses) {
+    auto controller = show();
+    controller->socketData.reset();
+    controller->exit();
+    std::dynamic_pointer_cast<AlertController>(platform.viewSystem->shown.back().controller)->tap(0);
+    EXPECT_EQ(delegate->calls(), std::vector<std::string>{"onClosed:ByUser"});
+    EXPECT_TRUE(http->requests().empty());
+}
+
+TEST_F(WebViewControllerTest, CookiesGoFirstThenEachWebsiteRecordWithItsOwnTypes) {
+    auto controller = show();
+    platform.webViews->records = {{"page.test", {"WKWebsiteDataTypeCookies"}},
+                                  {"cdn.test", {"WKWebsiteDataTypeDiskCache", "WKWebsiteDataTypeLocalStorage"}}};
+    controller->cleanAllCookies();
+    EXPECT_EQ(platform.webViews->storeCalls,
+              (std::vector<std::string>{"removeCookies since ever", "fetchDataRecords",
+                                        "removeData page.test WKWebsiteDataTypeCookies",
+                                        "removeData cdn.test WKWebsiteDataTypeDiskCache WKWebsiteDataTypeLocalStorage"}));
+    auto lines = log.lines();
+    auto at = [&](const std::string& line) { return std::find(lines.begin(), lines.end(), line) - lines.begin(); };
+    EXPECT_LT(at("All cookies deleted"), at("Cookie ::: page.test deleted"));
+    EXPECT_LT(at("Cookie ::: page.test deleted"), at("Cookie ::: cdn.test deleted"));
+    EXPECT_LT(at("Cookie ::: cdn.test deleted"), static_cast<long>(lines.size()));
 }
 
 TEST_F(WebViewControllerTest, DisposeWithoutAConnectionDoesNothing) {
     WebSocketService::socketManager.reset();
     WebSocketService().dispose();
-    WebSocketService::socketManager = connection;
+    connection->install();
     WebSocketService().dispose();
     WebSocketService().dispose();
     EXPECT_EQ(connection->disconnects, 1);

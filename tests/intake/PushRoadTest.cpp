@@ -112,7 +112,7 @@ TEST_F(PushRoad, MalformedMessagesAreOnlyLoggedButStillEndTheSocket) {
     };
     int expectedDisconnects = 0;
     for (const auto& data : messages) {
-        WebSocketService::socketManager = connection;
+        connection->install();
         push(data);
         EXPECT_EQ(connection->disconnects, ++expectedDisconnects) << data.dump();
         EXPECT_EQ(log.lines().back(), "Error parsing JSON") << data.dump();

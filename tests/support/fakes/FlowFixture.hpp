@@ -5,9 +5,12 @@
 
 #include <kelvane/KelvaneApp.hpp>
 
+#include "FakeHTTP.hpp"
 #include "FakePlatform.hpp"
+#include "backend/WebSocketService.hpp"
 #include "flow/Storyboard.hpp"
-#include "flow/WebViewController.hpp"
+#include "socketio/SocketIOClient.hpp"
+#include "socketio/SocketManager.hpp"
 
 #include <gtest/gtest.h>
 
@@ -15,16 +18,39 @@
 
 namespace kelvane::testing {
 
+// Keeps the page addresses the intake arrives at, and answers every bridge service with the
+// posted body.
 class ObservedWebViewController : public WebViewController {
 public:
+    struct EchoRecord : JsonRecord<EchoRecord> {
+        Json body;
+        Json toJson() const { return Json{{"success", true}, {"echo", body}}; }
+    };
+
     std::vector<std::string> loadedPages;
+    std::vector<Events> services;
+
     void newLoadWebView(const std::string& url) override { loadedPages.push_back(url); }
+    void runService(Events event, const platform::ScriptMessage& message) override {
+        services.push_back(event);
+        EchoRecord record;
+        record.body = message.body;
+        answer(message.name, record);
+    }
+    using WebViewController::answer;
 };
 
-class CountingConnection : public WebSocketService::Connection {
+// Counts how often dispose() closed the class-level connection.
+class CountingConnection {
 public:
     int disconnects = 0;
-    void disconnect() override { ++disconnects; }
+    // Makes a manager that never connects the class-level connection.
+    void install() {
+        auto manager = std::make_shared<socketio::SocketManager>(*URL::make("http://127.0.0.1:9"));
+        manager->defaultSocket()->on(socketio::SocketClientEvent::disconnect,
+                                     [this](const auto&, auto&) { ++disconnects; });
+        WebSocketService::socketManager = manager;
+    }
 };
 
 class FlowFixture : public ::testing::Test {
@@ -36,7 +62,11 @@ protected:
             controllers.push_back(controller);
             return controller;
         });
-        WebSocketService::socketManager = connection;
+        connection->install();
+        http->response = platform::HTTPResponse{200, {}};
+        http->data = "{}";
+        platform.http = http;
+        platform.install();
     }
     ~FlowFixture() override {
         Storyboard::replaceScene("WebViewController", previousScene);
@@ -68,6 +98,8 @@ protected:
     }
 
     fakes::FakePlatform platform;
+    // Status reports land here; no unit test reaches the network.
+    std::shared_ptr<fakes::FakeHTTP> http = std::make_shared<fakes::FakeHTTP>();
     fakes::LogCapture log;
     std::shared_ptr<fakes::RecordingDelegate> delegate = std::make_shared<fakes::RecordingDelegate>();
     std::shared_ptr<KelvaneApp> app = std::make_shared<KelvaneApp>();
