@@ -5,15 +5,29 @@
 #include <kelvane/Log.hpp>
 
 #include "FakePlatform.hpp"
+#include "flow/Storyboard.hpp"
+#include "flow/WebViewController.hpp"
 
 #include <cstdint>
 #include <string>
+
+namespace {
+// The intake ends at the page address; the socket and the page would reach the network.
+class Arrival : public kelvane::WebViewController {
+public:
+    void newLoadWebView(const std::string& url) override { kelvane::forceUnwrap(kelvane::URL::make(url)); }
+};
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const bool quiet = (kelvane::setLogSink([](std::string_view) {}), true);
     (void)quiet;
     std::string text(reinterpret_cast<const char*>(data), size);
 
+    static const bool arrival = (kelvane::Storyboard::replaceScene(
+                                     "WebViewController", [] { return std::make_shared<Arrival>(); }),
+                                 true);
+    (void)arrival;
     kelvane::fakes::FakePlatform platform;
     platform.viewSystem->installRoot();
     auto delegate = std::make_shared<kelvane::fakes::RecordingDelegate>();
