@@ -41,15 +41,6 @@ protected:
     ApiService api;
 };
 
-TEST(ConnectionStatusValues, RawValuesRoundTripAndOthersNameNoCase) {
-    for (auto [status, raw] : {std::pair{ConnectionStatus::started, 201}, {ConnectionStatus::completed, 200},
-                               {ConnectionStatus::connectionReset, 205}, {ConnectionStatus::userClosed, 403}}) {
-        EXPECT_EQ(connection(status), raw);
-        EXPECT_EQ(connectionStatus(raw), status);
-    }
-    EXPECT_EQ(connectionStatus(404), std::nullopt);
-}
-
 TEST_F(ApiServiceUnit, AnAnswerWithoutHTTPResponse) {
     http->data = "{}";
     bool called = false;

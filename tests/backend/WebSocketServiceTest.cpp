@@ -70,13 +70,6 @@ TEST_F(SessionSocket, MalformedResultsAreOnlyLogged) {
     EXPECT_EQ(connection->disconnects, 0);
 }
 
-TEST_F(SessionSocket, DisposeTwiceIsHarmless) {
-    service->dispose();
-    service->dispose();
-    EXPECT_EQ(connection->disconnects, 1);
-    EXPECT_FALSE(WebSocketService::socketManager);
-}
-
 namespace {
 // Writes its close where a death test can read it.
 class StderrDelegate : public fakes::RecordingDelegate {
