@@ -44,7 +44,6 @@ public:
 
     // onPushReceived to the page request; the flow's socket is ended afterwards.
     Clock::duration flowStart(int round) {
-        std::string origin = "http://127.0.0.1:" + std::to_string(backend.port());
         Json transaction{{"action", origin + "/page"},
                          {"socket", {{"url", origin}, {"requestId", "flow-" + std::to_string(round)}}}};
         Json payload{{"id", "kn_auth"}, {"isEncrypted", 0}, {"data", transaction}};
@@ -66,7 +65,6 @@ public:
 
     // The same socket options, its connect, then the status POST, back on the main queue.
     Clock::duration connectAndReport(int round) {
-        std::string origin = "http://127.0.0.1:" + std::to_string(backend.port());
         std::string requestId = "alone-" + std::to_string(round);
         bool done = false;
 
@@ -104,6 +102,7 @@ private:
     testing::PeerProcess backend{"backend-server.js", {R"({"lifetime":300,"quiet":true,"socketio":true})"}};
     std::shared_ptr<fakes::RecordingDelegate> delegate = std::make_shared<fakes::RecordingDelegate>();
     std::shared_ptr<KelvaneApp> app = std::make_shared<KelvaneApp>();
+    const std::string origin = "http://127.0.0.1:" + std::to_string(backend.port());
 };
 
 }  // namespace

@@ -22,11 +22,6 @@ constexpr double kPageTimeout = 60.0;
 platform::URLRequest pageRequest(URL url) {
     return {std::move(url), platform::URLRequest::CachePolicy::useProtocolCachePolicy, kPageTimeout};
 }
-
-std::optional<std::string> socketField(const std::optional<SocketData>& data, std::string SocketData::*field) {
-    if (!data) return std::nullopt;
-    return (*data).*field;
-}
 }  // namespace
 
 WebViewController::WebViewController()
@@ -184,14 +179,12 @@ void WebViewController::newLoadWebView(const std::string& url) {
                 return;
             }
             // The page waits for the report to end, whatever its outcome.
-            ApiService().sendConnectionStatus(
-                ConnectionStatus::started, socketField(self->socketData, &SocketData::url),
-                socketField(self->socketData, &SocketData::requestId), [self, request](bool) {
-                    Queue::main()->async([self, request] {
-                        forceUnwrap(self->webView, kImplicitUnwrapNil).load(request);
-                        self->cleanAllCookies();
-                    });
+            self->reportStatus(ConnectionStatus::started, [self, request](bool) {
+                Queue::main()->async([self, request] {
+                    forceUnwrap(self->webView, kImplicitUnwrapNil).load(request);
+                    self->cleanAllCookies();
                 });
+            });
         });
 }
 
@@ -210,12 +203,19 @@ void WebViewController::cleanAllCookies() {
 void WebViewController::exit() {
     auto self = shared();
     AlertDialogController::showAlert(*this, [self] {
-        ApiService().sendConnectionStatus(ConnectionStatus::userClosed,
-                                          socketField(self->socketData, &SocketData::url),
-                                          socketField(self->socketData, &SocketData::requestId), [](bool) {});
+        self->reportStatus(ConnectionStatus::userClosed, [](bool) {});
         self->customDismiss(CloseReason::ByUser, self->kelvaneService);
         self->stopListening();
     });
+}
+
+void WebViewController::reportStatus(ConnectionStatus status, std::function<void(bool)> completion) const {
+    std::optional<std::string> url, requestId;
+    if (socketData) {
+        url = socketData->url;
+        requestId = socketData->requestId;
+    }
+    ApiService().sendConnectionStatus(status, url, requestId, std::move(completion));
 }
 
 void AlertDialogController::showAlert(ViewController& controller, std::function<void()> completionHandler) {
@@ -277,8 +277,7 @@ void WebViewController::runService(Events event, const platform::ScriptMessage&)
 
 void WebViewController::pageFailed() {
     WebSocketService().dispose();
-    ApiService().sendConnectionStatus(ConnectionStatus::userClosed, socketField(socketData, &SocketData::url),
-                                      socketField(socketData, &SocketData::requestId), [](bool) {});
+    reportStatus(ConnectionStatus::userClosed, [](bool) {});
     customDismiss(CloseReason::TranscationCompleted, kelvaneService);
 }
 

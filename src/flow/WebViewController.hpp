@@ -7,6 +7,7 @@
 #include <kelvane/platform/View.hpp>
 #include <kelvane/platform/WebView.hpp>
 
+#include "backend/ApiService.hpp"
 #include "flow/Bridge.hpp"
 #include "flow/Events.hpp"
 #include "flow/JsHandler.hpp"
@@ -119,6 +120,8 @@ private:
     void decide(const platform::NavigationAction& action,
                 const std::function<void(platform::NavigationActionPolicy)>& decisionHandler);
     void pageFailed();
+    // Reports to the transaction's socket address, or to none without socket data.
+    void reportStatus(ConnectionStatus status, std::function<void(bool)> completion) const;
     std::shared_ptr<WebViewController> shared();
 
     std::unique_ptr<Cancellable> cancellable_;

@@ -174,16 +174,6 @@ TEST_F(SessionRoad, AFailedStartReportStillLoadsThePageOnce) {
     }
 }
 
-TEST_F(SessionRoad, ThePagesFailureEndsTheSocketAndReportsTheClose) {
-    pushTransaction(backend.port());
-    ASSERT_TRUE(waitFor([&] { return pageRequested(); }));
-    controllers.back()->userContentController({"failure", Json::object()});
-    EXPECT_EQ(delegate->calls(), Calls{"onClosed:TranscationCompleted"});
-    EXPECT_FALSE(WebSocketService::socketManager);
-    EXPECT_TRUE(backend.waitForLine("DISCONNECT "));
-    EXPECT_EQ(request([](const Json& r) { return statusPost(r, "403"); })["query"]["key"], "req-7");
-}
-
 TEST_F(SessionRoad, TheRequestIdIsTrimmedForTheHeaderAndTheEventName) {
     auto service = std::make_shared<WebSocketService>();
     auto connected = service->tryConnect({" \t" + origin(backend.port()) + "\n", "\u00a0req-8 \r\n"}, delegate);

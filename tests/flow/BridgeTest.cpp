@@ -13,9 +13,6 @@ namespace {
 class Bridge : public FlowFixture {
 protected:
     Bridge() {
-        push(message(plainPayload()));
-        controller = controllers.back();
-        webView = std::static_pointer_cast<fakes::FakeWebView>(controller->webView);
         // The push ended the previous socket; this one is the flow's.
         connection->disconnects = 0;
         connection->install();
@@ -26,8 +23,8 @@ protected:
         platform.mainQueue->runUntilIdle();
     }
 
-    std::shared_ptr<ObservedWebViewController> controller;
-    std::shared_ptr<fakes::FakeWebView> webView;
+    std::shared_ptr<ObservedWebViewController> controller = show();
+    std::shared_ptr<fakes::FakeWebView> webView = webViewOf(controller);
 };
 
 }  // namespace

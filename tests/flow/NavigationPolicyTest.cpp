@@ -14,13 +14,6 @@ const std::string kPlain = "https://page.test/next";
 
 class NavigationPolicy : public FlowFixture {
 protected:
-    NavigationPolicy() {
-        push(message(plainPayload()));
-        controller = controllers.back();
-        webView = std::static_pointer_cast<fakes::FakeWebView>(controller->webView);
-        appToAppUri = CustomSchemeService().preprocessUri(URL::make(kHandOff))->appToAppUri.absoluteString();
-    }
-
     // The decisions for one navigation, none of them made inside the delegate call.
     std::vector<Policy> decide(std::optional<std::string> url, bool hasTargetFrame) {
         auto decisions = std::make_shared<std::vector<Policy>>();
@@ -31,9 +24,9 @@ protected:
         return *decisions;
     }
 
-    std::shared_ptr<kelvane::testing::ObservedWebViewController> controller;
-    std::shared_ptr<fakes::FakeWebView> webView;
-    std::string appToAppUri;
+    std::shared_ptr<kelvane::testing::ObservedWebViewController> controller = show();
+    std::shared_ptr<fakes::FakeWebView> webView = webViewOf(controller);
+    std::string appToAppUri = CustomSchemeService().preprocessUri(URL::make(kHandOff))->appToAppUri.absoluteString();
 };
 
 using Opened = std::vector<std::string>;

@@ -8,20 +8,7 @@ using namespace kelvane;
 using kelvane::testing::FlowFixture;
 using kelvane::testing::ObservedWebViewController;
 
-namespace {
-
-class WebViewControllerTest : public FlowFixture {
-protected:
-    std::shared_ptr<ObservedWebViewController> show() {
-        push(message(plainPayload()));
-        return controllers.back();
-    }
-    std::shared_ptr<fakes::FakeWebView> webViewOf(const std::shared_ptr<WebViewController>& controller) {
-        return std::static_pointer_cast<fakes::FakeWebView>(controller->webView);
-    }
-};
-
-}  // namespace
+using WebViewControllerTest = FlowFixture;
 
 TEST_F(WebViewControllerTest, AppearanceBuildsAWebViewWithOneHandlerPerEvent) {
     auto controller = show();

@@ -91,6 +91,15 @@ protected:
         platform.mainQueue->runUntilIdle();
     }
 
+    // Pushes a plain transaction and returns its shown screen.
+    std::shared_ptr<ObservedWebViewController> show() {
+        push(message(plainPayload()));
+        return controllers.back();
+    }
+    static std::shared_ptr<fakes::FakeWebView> webViewOf(const std::shared_ptr<WebViewController>& controller) {
+        return std::static_pointer_cast<fakes::FakeWebView>(controller->webView);
+    }
+
     // A URL no earlier test has sent through the custom-scheme stream, which drops repeats.
     static std::string freshReturnURL() {
         static std::atomic<int> counter{0};
