@@ -269,7 +269,8 @@ void WebViewController::userContentController(const platform::ScriptMessage& mes
     runService(*event, message);
 }
 
-void WebViewController::runService(Events event, const platform::ScriptMessage&) {
+void WebViewController::runService(Events event, const platform::ScriptMessage& message) {
+    if (runDeviceService(event, message) || runCeremony(event, message)) return;
     // The event's service is not part of this build; the page hears nothing, as for a name
     // without a handler.
     logLine("No native service for " + std::string(eventName(event)));

@@ -111,6 +111,15 @@ protected:
         sendData(bridge::iosCallback(postedName, bridge::encodeAnswer(record)));
     }
 
+    // The two service groups, each in its own file; whether the group took the event.
+    // Services of the device: biometrics, binding, Ashield, push token, location, system.
+    bool runDeviceService(Events event, const platform::ScriptMessage& message);
+    // Ceremonies the page drives: passkeys and face verification.
+    bool runCeremony(Events event, const platform::ScriptMessage& message);
+
+    // ---- State of the ceremonies (FIDO, face verification) ----
+    // ---- end of the ceremonies' state ----
+
 private:
     platform::WebViewConfiguration configureWebView();
     std::shared_ptr<platform::WebView> createWebView(const platform::WebViewConfiguration& configuration);

@@ -157,6 +157,114 @@ public:
     std::optional<std::filesystem::path> documentsDirectory() const override { return std::nullopt; }
 };
 
+// No biometry and no passcode to evaluate.
+class NoAuthenticationContext final : public LAContext {
+public:
+    static constexpr int kBiometryNotAvailable = -6;
+    void setLocalizedFallbackTitle(const std::string&) override {}
+    CanEvaluate canEvaluatePolicy(LAPolicy) override { return {false, kBiometryNotAvailable}; }
+    void evaluatePolicy(LAPolicy, const std::string&, std::function<void(bool, std::optional<int>)> reply) override {
+        if (reply) reply(false, kBiometryNotAvailable);
+    }
+    std::string description() const override { return "<LAContext>"; }
+};
+
+class NoLocalAuthentication final : public LocalAuthentication {
+public:
+    std::shared_ptr<LAContext> makeContext() override { return std::make_shared<NoAuthenticationContext>(); }
+};
+
+// No authenticator: every ceremony fails as one the platform cannot run.
+class NoPasskeys final : public PasskeyAuthorization {
+public:
+    void performRequests(std::vector<AuthorizationRequest>, std::function<void(AuthorizationCredential)>,
+                         std::function<void(Error)> didFail) override {
+        if (didFail) didFail(Error{"com.apple.AuthenticationServices.AuthorizationError", 1004, "No authenticator"});
+    }
+    bool hasPresentationAnchor() const override { return false; }
+};
+
+class NoCaptureSession final : public CaptureSession {
+public:
+    std::optional<Error> addDefaultVideoInput() override {
+        return Error{"AVFoundationErrorDomain", -11814, "Cannot Record"};
+    }
+    bool canAddMetadataOutput() const override { return false; }
+    void addMetadataOutput(std::shared_ptr<Queue>, std::function<void(std::vector<std::optional<std::string>>)>) override {}
+    bool isRunning() const override { return false; }
+    void startRunning() override {}
+    void stopRunning() override {}
+    void attachPreview(std::shared_ptr<View>, Rect) override {}
+};
+
+class NoCamera final : public Camera {
+public:
+    AuthorizationStatus authorizationStatus() const override { return AuthorizationStatus::restricted; }
+    void requestAccess(std::function<void(bool)> completion) override {
+        if (completion) completion(false);
+    }
+    std::shared_ptr<CaptureSession> makeSession() override { return std::make_shared<NoCaptureSession>(); }
+};
+
+// Location services that the device does not offer: restricted, and no updates ever.
+class NoLocationManager final : public LocationManager {
+public:
+    void setDelegate(std::weak_ptr<LocationDelegate>) override {}
+    int authorizationStatus() const override { return static_cast<int>(LocationAuthorizationStatus::restricted); }
+    void requestWhenInUseAuthorization() override {}
+    void startUpdatingLocation() override {}
+    void stopUpdatingLocation() override {}
+};
+
+class NoLocation final : public Location {
+public:
+    std::shared_ptr<LocationManager> makeManager() override { return std::make_shared<NoLocationManager>(); }
+};
+
+// A device without network interfaces: one unsatisfied path at start.
+class NoNetworkMonitor final : public NetworkPathMonitor {
+public:
+    void setPathUpdateHandler(std::function<void(const NetworkPath&)> handler) override {
+        handler_ = std::move(handler);
+    }
+    void start(std::shared_ptr<Queue> queue) override {
+        if (!queue || !handler_) return;
+        queue->async([handler = handler_] { handler(NetworkPath{}); });
+    }
+    void cancel() override { handler_ = nullptr; }
+
+private:
+    std::function<void(const NetworkPath&)> handler_;
+};
+
+class NoNetworkPaths final : public NetworkPaths {
+public:
+    std::shared_ptr<NetworkPathMonitor> makeMonitor() override { return std::make_shared<NoNetworkMonitor>(); }
+};
+
+class NoFaceSession final : public FaceVerificationSession {
+public:
+    bool cancel() override { return false; }
+};
+
+// No face verification library linked in: each session ends at once in an error.
+class NoFaceVerification final : public FaceVerification {
+public:
+    std::shared_ptr<FaceVerificationSession> launch(const URL&, const std::string&,
+                                                    std::weak_ptr<FaceVerificationPresentationDelegate>,
+                                                    std::function<void(const FaceVerificationStatus&)> onStatus) override {
+        if (onStatus) {
+            Queue::main()->async([onStatus] {
+                FaceVerificationStatus status;
+                status.kind = FaceVerificationStatus::Kind::error;
+                status.failureReason = "unsupported";
+                onStatus(status);
+            });
+        }
+        return std::make_shared<NoFaceSession>();
+    }
+};
+
 template <class Port, class StandIn>
 std::shared_ptr<Port> portOr(std::shared_ptr<Port> Platform::*member) {
     static auto* standIn = new std::shared_ptr<Port>(std::make_shared<StandIn>());
@@ -177,6 +285,18 @@ std::shared_ptr<Bundle> bundle() { return portOr<Bundle, NoBundle>(&Platform::bu
 std::shared_ptr<URLOpener> urlOpener() { return portOr<URLOpener, NoOpener>(&Platform::urlOpener); }
 std::shared_ptr<DocumentsDirectory> documents() {
     return portOr<DocumentsDirectory, NoDocuments>(&Platform::documents);
+}
+std::shared_ptr<LocalAuthentication> localAuthentication() {
+    return portOr<LocalAuthentication, NoLocalAuthentication>(&Platform::localAuthentication);
+}
+std::shared_ptr<PasskeyAuthorization> passkeys() {
+    return portOr<PasskeyAuthorization, NoPasskeys>(&Platform::passkeys);
+}
+std::shared_ptr<Camera> camera() { return portOr<Camera, NoCamera>(&Platform::camera); }
+std::shared_ptr<Location> location() { return portOr<Location, NoLocation>(&Platform::location); }
+std::shared_ptr<NetworkPaths> networkPaths() { return portOr<NetworkPaths, NoNetworkPaths>(&Platform::networkPaths); }
+std::shared_ptr<FaceVerification> faceVerification() {
+    return portOr<FaceVerification, NoFaceVerification>(&Platform::faceVerification);
 }
 std::shared_ptr<HTTP> http() {
     if (auto port = current()->http) return port;

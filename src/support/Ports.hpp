@@ -17,5 +17,11 @@ std::shared_ptr<platform::URLOpener> urlOpener();
 // The platform's HTTP, or the library's own on libcurl.
 std::shared_ptr<platform::HTTP> http();
 std::shared_ptr<platform::DocumentsDirectory> documents();
+std::shared_ptr<platform::LocalAuthentication> localAuthentication();
+std::shared_ptr<platform::PasskeyAuthorization> passkeys();
+std::shared_ptr<platform::Camera> camera();
+std::shared_ptr<platform::Location> location();
+std::shared_ptr<platform::NetworkPaths> networkPaths();
+std::shared_ptr<platform::FaceVerification> faceVerification();
 
 }  // namespace kelvane::ports

@@ -222,6 +222,12 @@ void FakePlatform::install() {
     ports.urlOpener = urlOpener;
     ports.documents = documents;
     ports.http = http;
+    ports.localAuthentication = localAuthentication;
+    ports.passkeys = passkeys;
+    ports.camera = camera;
+    ports.location = location;
+    ports.networkPaths = networkPaths;
+    ports.faceVerification = faceVerification;
     platform::install(std::move(ports));
 }
 

@@ -277,6 +277,13 @@ struct FakePlatform {
     std::shared_ptr<FakeDocuments> documents = std::make_shared<FakeDocuments>();
     // Empty: the library's own HTTP on libcurl.
     std::shared_ptr<platform::HTTP> http;
+    // Empty: the library's stand-in for a platform without them. A test sets its own fake.
+    std::shared_ptr<platform::LocalAuthentication> localAuthentication;
+    std::shared_ptr<platform::PasskeyAuthorization> passkeys;
+    std::shared_ptr<platform::Camera> camera;
+    std::shared_ptr<platform::Location> location;
+    std::shared_ptr<platform::NetworkPaths> networkPaths;
+    std::shared_ptr<platform::FaceVerification> faceVerification;
 
     // Installs the members again, after a test replaced one.
     void install();
