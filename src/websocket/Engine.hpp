@@ -101,6 +101,8 @@ public:
         bool didUpgrade = false;
     };
     Flags flags() const;
+    // Where writes are framed and sent, in order; tests wait on it for writes already made.
+    const std::shared_ptr<Queue>& writeQueue() const { return writeQueue_; }
 
     // Transport's queue.
     void connectionChanged(ConnectionState state) override;

@@ -128,6 +128,8 @@ TEST(WSEngineWrites, AWriteBeforeTheUpgradeIsDroppedWithItsCompletion) {
     Harness h;
     std::atomic<bool> earlyDone{false}, lateDone{false};
     h.socket->write(std::string("early"), [&] { earlyDone = true; });
+    // The early write must meet the engine before the upgrade, however slow its queue runs.
+    h.engine->writeQueue()->sync([] {});
     h.open();
     h.socket->write(std::string("late"), [&] { lateDone = true; });
     ASSERT_TRUE(h.transport->waitFor([&] { return lateDone.load(); }));
