@@ -9,6 +9,7 @@
 #include "backend/ApiService.hpp"
 #include "backend/WebSocketService.hpp"
 #include "flow/FileDownloadService.hpp"
+#include "services/DeviceDetails.hpp"
 #include "services/EncryptService.hpp"
 #include "support/Ports.hpp"
 
@@ -25,7 +26,8 @@ platform::URLRequest pageRequest(URL url) {
 }  // namespace
 
 WebViewController::WebViewController()
-    : loadingIndicator(ports::viewSystem()->makeActivityIndicator(platform::ActivityIndicatorStyle::medium)) {}
+    : loadingIndicator(ports::viewSystem()->makeActivityIndicator(platform::ActivityIndicatorStyle::medium)),
+      locationManager(ports::location()->makeManager()) {}
 
 void WebViewController::connectOutlet(std::string_view name, const std::shared_ptr<platform::View>& view) {
     if (name == "appWeb") appWeb = view;
@@ -270,10 +272,7 @@ void WebViewController::userContentController(const platform::ScriptMessage& mes
 }
 
 void WebViewController::runService(Events event, const platform::ScriptMessage& message) {
-    if (runDeviceService(event, message) || runCeremony(event, message)) return;
-    // The event's service is not part of this build; the page hears nothing, as for a name
-    // without a handler.
-    logLine("No native service for " + std::string(eventName(event)));
+    if (!runDeviceService(event, message)) runCeremony(event, message);
 }
 
 void WebViewController::pageFailed() {
@@ -355,5 +354,72 @@ void WebViewController::didReceiveServerRedirectForProvisionalNavigation(platfor
 }
 
 bool WebViewController::isDownloadURL(const URL& url) const { return kelvane::isDownloadURL(url); }
+
+void WebViewController::readDeviceDetails() {
+    locationManager->setDelegate(shared());
+    followAuthorization(locationManager->authorizationStatus(),
+                        [this] { locationManager->requestWhenInUseAuthorization(); });
+}
+
+void WebViewController::didChangeAuthorization(platform::LocationAuthorizationStatus status) {
+    followAuthorization(static_cast<int>(status), [] { logLine("determined"); });
+}
+
+void WebViewController::followAuthorization(int status, const std::function<void()>& onUndetermined) {
+    using Status = platform::LocationAuthorizationStatus;
+    switch (static_cast<Status>(status)) {
+        case Status::notDetermined: onUndetermined(); return;
+        case Status::restricted:
+        case Status::denied: showPermissionDeniedAlert(); return;
+        case Status::authorizedAlways:
+        case Status::authorizedWhenInUse: locationManager->startUpdatingLocation(); return;
+    }
+    fatalStop("Unhandled authorization status.");
+}
+
+void WebViewController::didUpdateLocations(const std::vector<platform::Coordinate>& locations) {
+    logLine("Location manager is CL Location");
+    locationManager->stopUpdatingLocation();
+    if (locations.empty()) {
+        sendDeviceDetails(false, "Unable to get location", std::nullopt);
+    } else {
+        sendDeviceDetails(true, "", locations.back());
+    }
+}
+
+void WebViewController::didFailWithError(const Error& error) {
+    logLine("Location manager failed with error: " + error.localizedDescription());
+    locationManager->stopUpdatingLocation();
+    sendDeviceDetails(false, error.localizedDescription(), std::nullopt);
+}
+
+void WebViewController::showPermissionDeniedAlert() {
+    auto alert = std::make_shared<AlertController>(
+        "Location Access Denied",
+        "This app requires access to the location to function properly. Please enable location access in Settings "
+        "and try again the transition.",
+        AlertController::Style::alert);
+    std::weak_ptr<WebViewController> weakSelf = shared();
+    alert->addAction({"Go to Settings", AlertController::ActionStyle::defaultStyle, [weakSelf] {
+                          auto self = weakSelf.lock();
+                          auto opener = ports::urlOpener();
+                          auto settings = URL::make(opener->openSettingsURLString());
+                          if (!self || !settings) return;
+                          opener->open(*settings, {});
+                          // Updates start before the user has changed anything; the page waits.
+                          self->locationManager->startUpdatingLocation();
+                      }});
+    alert->addAction({"Cancel", AlertController::ActionStyle::cancel, [weakSelf] {
+                          auto self = weakSelf.lock();
+                          if (self) self->sendDeviceDetails(false, "location access denied", std::nullopt);
+                      }});
+    present(alert, true);
+}
+
+void WebViewController::sendDeviceDetails(bool success, const std::string& message,
+                                          const std::optional<platform::Coordinate>& location) {
+    auto device = jsHandler.getDeviceInfo();
+    sendData(bridge::deviceDetailsCallback(deviceDetailsText(success, message, location, readDeviceTime(), device)));
+}
 
 }  // namespace kelvane

@@ -4,6 +4,7 @@
 #include <kelvane/KelvaneService.hpp>
 #include <kelvane/Status.hpp>
 #include <kelvane/ViewController.hpp>
+#include <kelvane/platform/Sensors.hpp>
 #include <kelvane/platform/View.hpp>
 #include <kelvane/platform/WebView.hpp>
 
@@ -11,7 +12,12 @@
 #include "flow/Bridge.hpp"
 #include "flow/Events.hpp"
 #include "flow/JsHandler.hpp"
+#include "services/AshieldService.hpp"
+#include "services/BiometricService.hpp"
 #include "services/CustomSchemeService.hpp"
+#include "services/GetFcmService.hpp"
+#include "services/SilentBindingService.hpp"
+#include "services/SystemServiceHandler.hpp"
 
 #include <memory>
 #include <optional>
@@ -28,12 +34,13 @@ struct SocketData {
 
 // The screen of one transaction: it owns the web view, runs the intake when it appears, connects
 // the status socket, reports the start and only then loads the page. It is also the page's
-// bridge (the handler of its script messages) and the web view's navigation policy. Made from
-// the storyboard scene "WebViewController" for each accepted message. Main queue only, like
-// every screen, unless a member says otherwise.
+// bridge (the handler of its script messages), the web view's navigation policy and the
+// delegate of its location manager. Made from the storyboard scene "WebViewController" for
+// each accepted message. Main queue only, like every screen, unless a member says otherwise.
 class WebViewController : public ViewController,
                           public platform::ScriptMessageHandler,
-                          public platform::NavigationDelegate {
+                          public platform::NavigationDelegate,
+                          public platform::LocationDelegate {
 public:
     WebViewController();
 
@@ -50,6 +57,12 @@ public:
     // The scene's view that takes the web view.
     std::weak_ptr<platform::View> appWeb;
     const std::shared_ptr<platform::ActivityIndicator> loadingIndicator;
+    const BiometricService biometricService{};
+    const AshieldService ashieldService{};
+    const SilentBindingService silentBindingService{};
+    const GetFcmService getFcmService{};
+    const std::shared_ptr<platform::LocationManager> locationManager;
+    const SystemServiceHandler systemServiceHandler{};
     const CustomSchemeService customSchemeService{};
 
     void viewDidLoad() override;
@@ -98,6 +111,15 @@ public:
     // Whether the URL names a document to download (a PDF file). Nothing calls it yet.
     virtual bool isDownloadURL(const URL& url) const;
 
+    // The location manager's reports: one reading per "readDeviceDetails", answered with the
+    // device details text. A status outside the known ones is a fatal stop.
+    void didChangeAuthorization(platform::LocationAuthorizationStatus status) override;
+    void didUpdateLocations(const std::vector<platform::Coordinate>& locations) override;
+    void didFailWithError(const Error& error) override;
+    // Tells the user location is off: "Go to Settings" opens the settings and starts updates
+    // without an answer; "Cancel" answers "location access denied".
+    void showPermissionDeniedAlert();
+
     std::string className() const override { return "WebViewController"; }
 
 protected:
@@ -116,8 +138,13 @@ protected:
     bool runDeviceService(Events event, const platform::ScriptMessage& message);
     // Ceremonies the page drives: passkeys and face verification.
     bool runCeremony(Events event, const platform::ScriptMessage& message);
+    // "readDeviceDetails": asks for a reading, or for permission first.
+    void readDeviceDetails();
 
     // ---- State of the ceremonies (FIDO, face verification) ----
+    // Made at the flow's first ceremony and kept for the rest of it.
+    std::shared_ptr<class FidoService> fidoService;
+    std::shared_ptr<class IproovService> iproovService;
     // ---- end of the ceremonies' state ----
 
 private:
@@ -129,6 +156,10 @@ private:
     void decide(const platform::NavigationAction& action,
                 const std::function<void(platform::NavigationActionPolicy)>& decisionHandler);
     void pageFailed();
+    // Acts on a location authorization; `onUndetermined` runs for "not determined".
+    void followAuthorization(int status, const std::function<void()>& onUndetermined);
+    void sendDeviceDetails(bool success, const std::string& message,
+                           const std::optional<platform::Coordinate>& location);
     // Reports to the transaction's socket address, or to none without socket data.
     void reportStatus(ConnectionStatus status, std::function<void(bool)> completion) const;
     std::shared_ptr<WebViewController> shared();

@@ -174,14 +174,18 @@ public:
     std::shared_ptr<LAContext> makeContext() override { return std::make_shared<NoAuthenticationContext>(); }
 };
 
-// No authenticator: every ceremony fails as one the platform cannot run.
+// No authenticator: every ceremony fails, later, as one the platform cannot run.
 class NoPasskeys final : public PasskeyAuthorization {
 public:
-    void performRequests(std::vector<AuthorizationRequest>, std::function<void(AuthorizationCredential)>,
-                         std::function<void(Error)> didFail) override {
-        if (didFail) didFail(Error{"com.apple.AuthenticationServices.AuthorizationError", 1004, "No authenticator"});
+    void performRequests(std::vector<AuthorizationRequest>,
+                         std::weak_ptr<PasskeyAuthorizationDelegate> delegate) override {
+        Queue::main()->async([delegate] {
+            if (auto live = delegate.lock()) {
+                live->didCompleteWithError(
+                    Error{"com.apple.AuthenticationServices.AuthorizationError", 1004, "No authenticator"});
+            }
+        });
     }
-    bool hasPresentationAnchor() const override { return false; }
 };
 
 class NoCaptureSession final : public CaptureSession {
@@ -203,6 +207,7 @@ public:
     void requestAccess(std::function<void(bool)> completion) override {
         if (completion) completion(false);
     }
+    bool hasDefaultVideoDevice() const override { return false; }
     std::shared_ptr<CaptureSession> makeSession() override { return std::make_shared<NoCaptureSession>(); }
 };
 
@@ -263,6 +268,7 @@ public:
         }
         return std::make_shared<NoFaceSession>();
     }
+    Rect screenBounds() const override { return {}; }
 };
 
 template <class Port, class StandIn>

@@ -14,30 +14,36 @@ namespace kelvane::platform {
 
 enum class AuthorizationStatus { notDetermined = 0, restricted = 1, denied = 2, authorized = 3 };
 
-// One running camera session reading QR codes.
+// A camera session that reads QR codes. Any thread.
 class CaptureSession {
 public:
     virtual ~CaptureSession() = default;
-    // Adds the default video device; an error when there is none or it cannot be used.
+    // Makes an input of the default video device and adds it; the error when the input cannot
+    // be made (the device is busy or refused).
     virtual std::optional<Error> addDefaultVideoInput() = 0;
     virtual bool canAddMetadataOutput() const = 0;
-    // Each detection delivers the string values of the codes seen, in order, on `queue`.
+    // Adds the output for QR codes only. Each detection delivers, on `queue`, one entry per
+    // object seen, in order: the code's string value, or nothing for an object without one.
+    // The session keeps `onCodes` until it goes away.
     virtual void addMetadataOutput(std::shared_ptr<Queue> queue,
                                    std::function<void(std::vector<std::optional<std::string>>)> onCodes) = 0;
     virtual bool isRunning() const = 0;
     // Blocks until the camera runs; call it off the main queue.
     virtual void startRunning() = 0;
     virtual void stopRunning() = 0;
-    // Shows the session's picture, aspect-filled, in `view`.
+    // Shows the session's picture, aspect-filled, in `view` over `frame`. Main queue only.
     virtual void attachPreview(std::shared_ptr<View> view, Rect frame) = 0;
 };
 
+// The device's camera for video. Any thread.
 class Camera {
 public:
     virtual ~Camera() = default;
     virtual AuthorizationStatus authorizationStatus() const = 0;
-    // The answer may come on any thread.
+    // Asks the user when the answer is not known yet; the answer may come on any thread.
     virtual void requestAccess(std::function<void(bool granted)> completion) = 0;
+    // Whether the device has a default video camera at all.
+    virtual bool hasDefaultVideoDevice() const = 0;
     virtual std::shared_ptr<CaptureSession> makeSession() = 0;
 };
 
