@@ -1,6 +1,7 @@
 #include "backend/ApiService.hpp"
 
 #include "support/Ports.hpp"
+#include "support/PrettyJson.hpp"
 
 #include <kelvane/Bytes.hpp>
 #include <kelvane/Log.hpp>
@@ -27,44 +28,6 @@ Error jsonReadError() {
     return {"NSCocoaErrorDomain", 3840, "The data couldn\u2019t be read because it isn\u2019t in the correct format."};
 }
 
-std::string scalarText(const Json& value) {
-    if (value.is_number_float()) {
-        double number = value.get<double>();
-        if (std::isfinite(number) && std::trunc(number) == number && std::fabs(number) < 1e15) {
-            return std::to_string(static_cast<long long>(number));
-        }
-    }
-    // Escapes "/" as the platform's writer does; a parsed value always encodes.
-    auto text = record::encode(value);
-    return text ? *text : json::dump(value);
-}
-
-void writePretty(const Json& value, std::size_t depth, std::string& out) {
-    if (!value.is_structured()) {
-        out += scalarText(value);
-        return;
-    }
-    const bool object = value.is_object();
-    out += object ? "{\n" : "[\n";
-    const std::string inner(2 * (depth + 1), ' ');
-    for (auto item = value.begin(); item != value.end(); ++item) {
-        if (item != value.begin()) out += ",\n";
-        out += inner;
-        if (object) out += scalarText(Json(item.key())) + " : ";
-        writePretty(item.value(), depth + 1, out);
-    }
-    out += '\n' + std::string(2 * depth, ' ') + (object ? '}' : ']');
-}
-
-// As the platform's pretty-printing JSON writer lays text out: two blanks per level, " : "
-// after a key, "/" written "\/", integral numbers without a fraction and an empty container
-// as "{\n\n}". Keys come in sorted order where the platform's order is its dictionary's own.
-std::string prettyPrinted(const Json& value) {
-    std::string out;
-    writePretty(value, 0, out);
-    return out;
-}
-
 Result<Json> payloadFromAnswer(const std::optional<std::string>& data, const std::optional<HTTPResponse>& response,
                                const std::optional<Error>& error) {
     if (error) return *error;
@@ -79,7 +42,7 @@ Result<Json> payloadFromAnswer(const std::optional<std::string>& data, const std
     if (!parsed || !parsed->is_structured()) return jsonReadError();
     if (!parsed->is_object()) return payloadError("Failed to parse JSON");
     // A parsed document always serialises again, as valid UTF-8.
-    std::string text = prettyPrinted(*parsed);
+    std::string text = *prettyPrinted(*parsed);
     logLine("response -> " + text);
     return Json{{"payload", text}};
 }

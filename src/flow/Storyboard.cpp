@@ -1,6 +1,7 @@
 #include "flow/Storyboard.hpp"
 
 #include "flow/WebViewController.hpp"
+#include "intake/QRScannerController.hpp"
 
 #include <map>
 
@@ -10,6 +11,7 @@ namespace {
 std::map<std::string, Storyboard::Factory, std::less<>>& scenes() {
     static auto* table = new std::map<std::string, Storyboard::Factory, std::less<>>{
         {"WebViewController", [] { return std::make_shared<WebViewController>(); }},
+        {"QRScannerController", [] { return std::make_shared<QRScannerController>(); }},
     };
     return *table;
 }

@@ -7,10 +7,24 @@
 
 #include "flow/Storyboard.hpp"
 #include "backend/WebSocketService.hpp"
+#include "support/PrettyJson.hpp"
+#include "intake/QRScannerController.hpp"
 #include "services/CustomSchemeService.hpp"
 #include "support/Ports.hpp"
 
+#include <chrono>
+
 namespace kelvane {
+namespace {
+
+// Lets the scanner's dismissal finish before the flow's screen comes up.
+constexpr auto kQrHandOverDelay = std::chrono::milliseconds(2000);
+
+void reportError(const std::shared_ptr<KelvaneService>& with, Status status) {
+    if (with) with->onError(std::string(errorName(status)));
+}
+
+}  // namespace
 
 KelvaneApp::KelvaneApp() : customSchemeService(std::make_shared<CustomSchemeService>()) {}
 
@@ -19,10 +33,7 @@ KelvaneApp::~KelvaneApp() = default;
 void KelvaneApp::onPushReceived(const Json& data, std::shared_ptr<KelvaneService> with,
                                 std::optional<std::string> encryptionKey) {
     KELVANE_ASSERT_ON_QUEUE(*Queue::main());
-    if (updateAvailable()) {
-        if (with) with->onError(std::string(errorName(Status::appUpdateRequired)));
-        return;
-    }
+    if (updateAvailable()) return reportError(with, Status::appUpdateRequired);
     // Before any look at the message: even a malformed one ends the running socket.
     WebSocketService().dispose();
     logLine("on push received data : " + json::dump(data));
@@ -41,7 +52,7 @@ void KelvaneApp::onPushReceived(const Json& data, std::shared_ptr<KelvaneService
         newHandle(*payload, std::move(with), std::move(encryptionKey));
         return;
     }
-    if (with) with->onError(std::string(errorName(Status::IdMismatch)));
+    reportError(with, Status::IdMismatch);
 }
 
 void KelvaneApp::newHandle(const Json& data, std::shared_ptr<KelvaneService> with,
@@ -60,6 +71,38 @@ void KelvaneApp::newHandle(const Json& data, std::shared_ptr<KelvaneService> wit
     } else if (presenter) {
         presenter->present(controller, true);
     }
+}
+
+void KelvaneApp::launchQrScanner(std::shared_ptr<KelvaneService> with, std::optional<std::string> encryptionKey) {
+    KELVANE_ASSERT_ON_QUEUE(*Queue::main());
+    auto storyboard = Storyboard::named(kMainStoryboard, kSdkBundleIdentifier);
+    auto scanner = castScene<QRScannerController>(storyboard->instantiateViewController("QRScannerController"),
+                                                  "QRScannerController");
+    auto presenter = customView();
+    auto self = std::static_pointer_cast<KelvaneApp>(shared_from_this());
+    scanner->onQRCodeScanned = [self, with, encryptionKey](const QrScannerResult& result) {
+        switch (result.status) {
+            case QrStatus::success:
+                if (!result.data) return reportError(with, Status::InvalidPayload);
+                Queue::main()->asyncAfter(kQrHandOverDelay, [self, with, encryptionKey, data = *result.data] {
+                    auto text = prettyPrinted(data);
+                    if (!text) {
+                        logLine("Error converting to JSON: " + text.error().text());
+                        return;
+                    }
+                    Json message{{"payload", *text}};
+                    logLine("payload : " + json::dump(message));
+                    self->onPushReceived(message, with, encryptionKey);
+                });
+                return;
+            case QrStatus::failed: return reportError(with, Status::InvalidPayload);
+            case QrStatus::cancelled:
+                if (with) with->onClosed(std::string(errorName(CloseReason::ByUser)));
+                return;
+            case QrStatus::encryptionKeyError: return reportError(with, Status::MissingEncryptionKey);
+        }
+    };
+    if (presenter) presenter->present(scanner, true);
 }
 
 std::shared_ptr<ViewController> KelvaneApp::customView() {
