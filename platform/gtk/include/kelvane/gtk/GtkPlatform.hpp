@@ -1,0 +1,34 @@
+#pragma once
+
+// The desktop platform: the library's ports on GTK 4, WebKitGTK 6.0, GIO and the files of a
+// Linux system. The host initialises GTK (gtk_init, or a GtkApplication) on its main thread,
+// builds the platform there, installs it, and runs the default GLib main context, which is
+// the library's main queue.
+
+#include <kelvane/ViewController.hpp>
+#include <kelvane/platform/Platform.hpp>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace kelvane::gtk {
+
+// Every desktop port, for the host's bundle identifier (also the name of its folders under
+// the XDG directories and the seed of its vendor identifier) and short version. The ports the
+// desktop lacks (local authentication, passkeys, camera, location, face verification) and
+// HTTP are left empty, so the library's stand-ins serve. Main thread, after GTK is
+// initialised.
+platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion);
+
+// Opens a window whose root screen is `root`, runs the root's lifecycle, and makes it the key
+// window of the installed desktop platform. Nothing happens when the installed view system is
+// not the desktop one. Main thread.
+void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title);
+
+// The file that holds the key-value store of `bundleIdentifier`:
+// $XDG_CONFIG_HOME/<bundle identifier>/defaults.json, or ~/.config when XDG_CONFIG_HOME is
+// unset. Any thread.
+std::filesystem::path keyValueStoreFile(const std::string& bundleIdentifier);
+
+}  // namespace kelvane::gtk

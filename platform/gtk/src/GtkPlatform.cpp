@@ -1,0 +1,50 @@
+#include <kelvane/gtk/GtkPlatform.hpp>
+
+#include "DesktopServices.hpp"
+#include "GtkViewSystem.hpp"
+#include "GtkWebView.hpp"
+#include "JsonFileStore.hpp"
+#include "LinuxDevice.hpp"
+#include "MainContextQueue.hpp"
+
+#include <glib.h>
+
+#include <cstdlib>
+
+namespace kelvane::gtk {
+
+std::filesystem::path keyValueStoreFile(const std::string& bundleIdentifier) {
+    std::filesystem::path base;
+    // Read at each call rather than through GLib, which keeps the first value it saw.
+    if (const char* config = std::getenv("XDG_CONFIG_HOME"); config && *config == '/') {
+        base = config;
+    } else if (const char* home = std::getenv("HOME"); home && *home) {
+        base = std::filesystem::path(home) / ".config";
+    } else {
+        base = std::filesystem::path(g_get_home_dir()) / ".config";
+    }
+    return base / bundleIdentifier / "defaults.json";
+}
+
+platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion) {
+    platform::Platform ports;
+    ports.mainQueue = std::make_shared<MainContextQueue>();
+    ports.viewSystem = std::make_shared<DesktopViewSystem>();
+    ports.webViews = std::make_shared<GtkWebViewSystem>();
+    ports.pasteboard = std::make_shared<ClipboardPasteboard>();
+    ports.keyValueStore = std::make_shared<JsonFileStore>(keyValueStoreFile(bundleIdentifier));
+    ports.device = std::make_shared<LinuxDevice>(bundleIdentifier);
+    ports.bundle = std::make_shared<FixedBundle>(bundleIdentifier, shortVersion);
+    ports.networkPaths = std::make_shared<LinuxNetworkPaths>();
+    ports.urlOpener = std::make_shared<GioURLOpener>();
+    ports.documents = std::make_shared<XdgDocuments>();
+    return ports;
+}
+
+void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title) {
+    if (auto system = std::dynamic_pointer_cast<DesktopViewSystem>(platform::current()->viewSystem)) {
+        system->openWindow(root, title);
+    }
+}
+
+}  // namespace kelvane::gtk
