@@ -16,6 +16,9 @@ inline constexpr std::string_view kImplicitUnwrapNil =
 // How the platform words an error that code assumed could not happen; the error's text follows.
 inline constexpr std::string_view kUnexpectedError = "'try!' expression unexpectedly raised an error: ";
 
+// A forced cast of a value of type `actual` to `target` failed.
+[[noreturn]] void castFailure(std::string_view actual, std::string_view target);
+
 // Ends the process: writes "Fatal error: <message>" to standard error and aborts. The only
 // way the library ends the process, used exactly where the behaviour calls for it.
 [[noreturn]] void fatalStop(std::string_view message);

@@ -28,6 +28,8 @@ const Json* getArray(const Json& object, std::string_view key);
 
 // The value as an integer, by the rule above.
 std::optional<std::int64_t> asInt(const Json& value);
+// The platform's name for the value's type, as a failed cast reports it.
+std::string_view castTypeName(const Json& value);
 
 // Parses a JSON text (UTF-8; a top-level scalar is accepted). Nothing on any error.
 std::optional<Json> parse(std::string_view text);

@@ -36,7 +36,7 @@ template <class T>
 std::shared_ptr<T> castScene(const std::shared_ptr<ViewController>& controller, std::string_view expected) {
     if (auto cast = std::dynamic_pointer_cast<T>(controller)) return cast;
     std::string actual = controller ? controller->className() : "nil";
-    fatalStop("Could not cast value of type '" + actual + "' to '" + std::string(expected) + "'.");
+    castFailure(actual, expected);
 }
 
 }  // namespace kelvane

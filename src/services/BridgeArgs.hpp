@@ -15,26 +15,9 @@
 
 namespace kelvane::args {
 
-// The name the platform gives a value of a body in a failed cast.
-inline std::string castTypeName(const Json& value) {
-    switch (value.type()) {
-        case Json::value_t::null: return "NSNull";
-        case Json::value_t::boolean: return "Bool";
-        case Json::value_t::string: return "String";
-        case Json::value_t::array: return "Array<Any>";
-        case Json::value_t::object: return "Dictionary<String, Any>";
-        case Json::value_t::number_float: return "Double";
-        default: return "Int";
-    }
-}
-
-[[noreturn]] inline void castFailure(const Json& value, std::string_view target) {
-    fatalStop("Could not cast value of type '" + castTypeName(value) + "' to '" + std::string(target) + "'.");
-}
-
 // The body cast to a dictionary.
 inline const Json& dictionary(const Json& body) {
-    if (!body.is_object()) castFailure(body, "Dictionary<String, Any>");
+    if (!body.is_object()) castFailure(json::castTypeName(body), "Dictionary<String, Any>");
     return body;
 }
 
@@ -48,7 +31,7 @@ inline Json processedDictionary(const JsHandler& jsHandler, const Json& body) {
 inline std::string string(const Json& dictionary, std::string_view key) {
     const Json* value = json::get(dictionary, key);
     if (!value) fatalStop(kUnwrapNil);
-    if (!value->is_string()) castFailure(*value, "String");
+    if (!value->is_string()) castFailure(json::castTypeName(*value), "String");
     return value->get<std::string>();
 }
 

@@ -113,18 +113,6 @@ void shred(Json& value, std::vector<Bytes>& binary) {
     }
 }
 
-std::string castTypeName(const Json& value) {
-    switch (value.type()) {
-        case Json::value_t::null: return "NSNull";
-        case Json::value_t::boolean: return "Bool";
-        case Json::value_t::string: return "String";
-        case Json::value_t::array: return "Array<Any>";
-        case Json::value_t::object: return "Dictionary<String, Any>";
-        case Json::value_t::binary: return "Data";
-        default: return "Double";
-    }
-}
-
 void fillIn(Json& value, const std::vector<Bytes>& binary) {
     if (value.is_object()) {
         auto marker = value.find("_placeholder");
@@ -132,7 +120,7 @@ void fillIn(Json& value, const std::vector<Bytes>& binary) {
             auto num = value.find("num");
             if (num == value.end()) fatalStop(kUnwrapNil);
             auto index = json::asInt(*num);
-            if (!index) fatalStop("Could not cast value of type '" + castTypeName(*num) + "' to 'Int'");
+            if (!index) castFailure(json::castTypeName(*num), "Int");
             if (*index < 0 || static_cast<std::uint64_t>(*index) >= binary.size()) fatalStop("Index out of range");
             value = Json::binary(binary[static_cast<std::size_t>(*index)]);
             return;

@@ -16,4 +16,8 @@ void fatalStop(std::string_view message) {
 #endif
 }
 
+void castFailure(std::string_view actual, std::string_view target) {
+    fatalStop("Could not cast value of type '" + std::string(actual) + "' to '" + std::string(target) + "'.");
+}
+
 }  // namespace kelvane

@@ -35,6 +35,19 @@ std::optional<std::string> getString(const Json& object, std::string_view key) {
     return value->get<std::string>();
 }
 
+std::string_view castTypeName(const Json& value) {
+    switch (value.type()) {
+        case Json::value_t::null: return "NSNull";
+        case Json::value_t::boolean: return "Bool";
+        case Json::value_t::string: return "String";
+        case Json::value_t::array: return "Array<Any>";
+        case Json::value_t::object: return "Dictionary<String, Any>";
+        case Json::value_t::binary: return "Data";
+        case Json::value_t::number_float: return "Double";
+        default: return "Int";
+    }
+}
+
 std::optional<std::int64_t> getInt(const Json& object, std::string_view key) {
     const Json* value = get(object, key);
     return value ? asInt(*value) : std::nullopt;

@@ -15,6 +15,9 @@ bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds bound
 // Runs what is due on the main context now, without waiting.
 void drain();
 
+// A port on 127.0.0.1 that nothing listens on.
+int closedPort();
+
 // An X server of our own for the run: Xvfb on the first free display, stopped when the process
 // that started it ends, however it ends.
 class XvfbDisplay {

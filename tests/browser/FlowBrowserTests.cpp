@@ -13,10 +13,6 @@
 
 #include <gtk/gtk.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 using namespace kelvane;
 using namespace kelvane::browser;
@@ -156,16 +152,7 @@ TEST_F(FlowTest, ThePageReachesEveryEventAndGetsEachAnswerAsAnObject) {
 }
 
 TEST_F(FlowTest, APageThatCannotBeReachedEndsWithConnectionErrorThenTheClose) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-
-    push("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/page");
+    push("http://127.0.0.1:" + std::to_string(closedPort()) + "/page");
     ASSERT_TRUE(runUntil([&] { return delegate->calls().size() >= 2; }));
     EXPECT_EQ(delegate->calls(), (Calls{"onError:ConnectionError", "onClosed:TranscationCompleted"}));
     EXPECT_TRUE(log.contains(R"(NsError : Error Domain=NSURLErrorDomain Code=-1004 "Could not connect to the server.")"));

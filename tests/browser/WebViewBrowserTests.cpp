@@ -3,11 +3,6 @@
 
 #include "DesktopFixture.hpp"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <thread>
 
 using namespace kelvane;
@@ -16,19 +11,6 @@ using Policy = platform::NavigationActionPolicy;
 using Events = std::vector<std::string>;
 
 namespace {
-
-// A port on 127.0.0.1 that nothing listens on.
-int closedPort() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
 
 class WebViewTest : public DesktopTest {
 protected:
