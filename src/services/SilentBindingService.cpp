@@ -16,6 +16,19 @@ constexpr const char* kNotData = "Failed to convert uniqueId to data";
 
 Json deviceJson(const std::optional<DeviceModel>& device) { return device ? device->toJson() : Json(); }
 
+// The device's vendor identifier as text, or nothing once `failure` has answered. With no
+// identifier at all, the failure answers and the forced read then stops the process.
+std::optional<std::string> bindingIdentifier(const std::function<void(const char*)>& failure) {
+    auto uniqueId = ports::device()->identifierForVendor();
+    if (!uniqueId) failure(kNoBindingId);
+    const std::string& id = forceUnwrap(uniqueId);
+    if (!isValidUTF8(id)) {
+        failure(kNotData);
+        return std::nullopt;
+    }
+    return id;
+}
+
 }  // namespace
 
 Json RegisterSilentBindingModel::toJson() const {
@@ -40,7 +53,6 @@ Json VerifySilentBindingModel::toJson() const {
 void SilentBindingService::registerBinding(const Json& data,
                                            std::function<void(RegisterSilentBindingModel)> completion) const {
     Json body = args::processedDictionary(jsHandler, data);
-    auto uniqueId = ports::device()->identifierForVendor();
     std::string remotePublicKey = args::string(body, "remotePublicKey");
     auto device = jsHandler.getDeviceInfo();
     auto failure = [&](const char* message) {
@@ -51,9 +63,9 @@ void SilentBindingService::registerBinding(const Json& data,
         record.device = device;
         completion(std::move(record));
     };
-    if (!uniqueId) failure(kNoBindingId);  // and the read below stops the process
-    const std::string& id = forceUnwrap(uniqueId);
-    if (!isValidUTF8(id)) return failure(kNotData);
+    auto boundId = bindingIdentifier(failure);
+    if (!boundId) return;
+    const std::string& id = *boundId;
 
     EncryptService crypto;
     // The digest's base64 text is what gets sealed, so it is encoded once more for the cipher.
@@ -70,7 +82,6 @@ void SilentBindingService::registerBinding(const Json& data,
 
 void SilentBindingService::verify(const Json& data, std::function<void(VerifySilentBindingModel)> completion) const {
     Json body = args::processedDictionary(jsHandler, data);
-    auto uniqueId = ports::device()->identifierForVendor();
     std::string challenge = args::string(body, "challenge");
     auto device = jsHandler.getDeviceInfo();
     auto failure = [&](const char* message) {
@@ -82,9 +93,9 @@ void SilentBindingService::verify(const Json& data, std::function<void(VerifySil
         record.device = device;
         completion(std::move(record));
     };
-    if (!uniqueId) failure(kNoBindingId);  // and the read below stops the process
-    const std::string& id = forceUnwrap(uniqueId);
-    if (!isValidUTF8(id)) return failure(kNotData);
+    auto boundId = bindingIdentifier(failure);
+    if (!boundId) return;
+    const std::string& id = *boundId;
 
     EncryptService crypto;
     std::string hash = crypto.toSha256Hash(asBytes(id));
