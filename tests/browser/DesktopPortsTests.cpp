@@ -1,9 +1,12 @@
 // The desktop's device, bundle and documents ports as a host sees them through the platform.
+#include "BrowserHarness.hpp"
+
+#include <kelvane/AlertController.hpp>
 #include <kelvane/gtk/GtkPlatform.hpp>
 
 #include <gtest/gtest.h>
 
-#include <glib.h>
+#include <gtk/gtk.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -43,4 +46,23 @@ TEST(DesktopPorts, DocumentsAreTheUsersXdgDocumentsFolderMadeOnFirstUse) {
     EXPECT_TRUE(std::filesystem::is_directory(wanted));
     std::filesystem::remove(config / "user-dirs.dirs");
     g_reload_user_special_dirs_cache();
+}
+
+TEST(DesktopPorts, AWindowShowsTheHostsOwnContentUnderWhatTheLibraryPresents) {
+    auto previous = platform::current();
+    platform::install(gtk::makePlatform("com.kelvane.one", "1.0"));
+    GtkWidget* content = gtk_label_new("the host's screen");
+    auto root = std::make_shared<ViewController>();
+    gtk::openWindow(root, "Host", content);
+    ASSERT_TRUE(root->isViewLoaded());
+    GtkRoot* window = gtk_widget_get_root(content);
+    ASSERT_NE(window, nullptr);
+
+    auto alert = std::make_shared<AlertController>("Over", "the host", AlertController::Style::alert);
+    root->present(alert, false);
+    browser::drain();
+    EXPECT_EQ(root->presentedViewController(), alert);
+    EXPECT_EQ(gtk_widget_get_root(content), window);
+    platform::install(*previous);
+    browser::drain();
 }

@@ -13,6 +13,16 @@
 
 namespace kelvane::gtk {
 
+namespace {
+// The view system of the last platform made, for a host that wraps it before installing.
+std::weak_ptr<DesktopViewSystem> lastViewSystem;
+
+std::shared_ptr<DesktopViewSystem> desktopViewSystem() {
+    if (auto system = std::dynamic_pointer_cast<DesktopViewSystem>(platform::current()->viewSystem)) return system;
+    return lastViewSystem.lock();
+}
+}  // namespace
+
 std::filesystem::path keyValueStoreFile(const std::string& bundleIdentifier) {
     std::filesystem::path base;
     // Read at each call rather than through GLib, which keeps the first value it saw.
@@ -29,7 +39,9 @@ std::filesystem::path keyValueStoreFile(const std::string& bundleIdentifier) {
 platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion) {
     platform::Platform ports;
     ports.mainQueue = std::make_shared<MainContextQueue>();
-    ports.viewSystem = std::make_shared<DesktopViewSystem>();
+    auto viewSystem = std::make_shared<DesktopViewSystem>();
+    lastViewSystem = viewSystem;
+    ports.viewSystem = viewSystem;
     ports.webViews = std::make_shared<GtkWebViewSystem>();
     ports.pasteboard = std::make_shared<ClipboardPasteboard>();
     ports.keyValueStore = std::make_shared<JsonFileStore>(keyValueStoreFile(bundleIdentifier));
@@ -42,9 +54,11 @@ platform::Platform makePlatform(const std::string& bundleIdentifier, const std::
 }
 
 void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title) {
-    if (auto system = std::dynamic_pointer_cast<DesktopViewSystem>(platform::current()->viewSystem)) {
-        system->openWindow(root, title);
-    }
+    openWindow(root, title, nullptr);
+}
+
+void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title, GtkWidget* content) {
+    if (auto system = desktopViewSystem()) system->openWindow(root, title, content);
 }
 
 }  // namespace kelvane::gtk

@@ -143,10 +143,14 @@ private:
 
 DesktopViewSystem::DesktopViewSystem() = default;
 
-DesktopViewSystem::~DesktopViewSystem() = default;
+DesktopViewSystem::~DesktopViewSystem() {
+    for (const auto& [root, content] : hostContent_) releaseOnMain(content);
+}
 
-void DesktopViewSystem::openWindow(const std::shared_ptr<ViewController>& root, const std::string& title) {
+void DesktopViewSystem::openWindow(const std::shared_ptr<ViewController>& root, const std::string& title,
+                                   GtkWidget* content) {
     if (!root) return;
+    if (content && !root->isViewLoaded()) hostContent_[root.get()] = GTK_WIDGET(g_object_ref_sink(content));
     if (!scene_) scene_ = std::make_shared<DesktopScene>(weak_from_this());
     auto window = std::make_shared<DesktopWindow>(weak_from_this(), root, title);
     windows_.push_back(window);
@@ -212,6 +216,12 @@ std::shared_ptr<platform::View> DesktopViewSystem::loadView(ViewController& cont
     }
     if (auto* alert = dynamic_cast<AlertController*>(&controller)) {
         return std::make_shared<WidgetView>(alertContent(*alert), kScreen);
+    }
+    if (auto host = hostContent_.find(&controller); host != hostContent_.end()) {
+        auto view = std::make_shared<WidgetView>(host->second, kScreen);
+        g_object_unref(host->second);
+        hostContent_.erase(host);
+        return view;
     }
     // The storyboard's two scenes: a content view under its outlet, and the exit button.
     const char* outlet = controller.storyboardIdentifier == "WebViewController"     ? "appWeb"

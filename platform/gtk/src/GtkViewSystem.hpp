@@ -24,7 +24,8 @@ public:
     DesktopViewSystem();
     ~DesktopViewSystem() override;
 
-    void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title);
+    // `content`, when given, is the root's view.
+    void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title, GtkWidget* content);
 
     std::vector<std::shared_ptr<platform::Scene>> connectedScenes() const override;
     std::vector<std::shared_ptr<platform::Window>> windows() const override;
@@ -58,6 +59,8 @@ private:
     std::map<const ViewController*, Presentation> presented_;
     std::map<const ViewController*, const ViewController*> presenter_;
     std::map<const ViewController*, std::shared_ptr<NavigationController>> navigation_;
+    // Host content waiting for its root screen's view to load, with a reference each.
+    std::map<const ViewController*, GtkWidget*> hostContent_;
     // Pushed screens, kept by their stack.
     std::map<const ViewController*, std::vector<std::shared_ptr<ViewController>>> stacks_;
 };

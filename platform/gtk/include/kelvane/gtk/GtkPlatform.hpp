@@ -12,6 +12,8 @@
 #include <memory>
 #include <string>
 
+typedef struct _GtkWidget GtkWidget;
+
 namespace kelvane::gtk {
 
 // Every desktop port, for the host's bundle identifier (also the name of its folders under
@@ -22,9 +24,14 @@ namespace kelvane::gtk {
 platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion);
 
 // Opens a window whose root screen is `root`, runs the root's lifecycle, and makes it the key
-// window of the installed desktop platform. Nothing happens when the installed view system is
-// not the desktop one. Main thread.
+// window of the desktop view system: the installed one, or, when the host installed a
+// decorator over it, the one makePlatform made last. Nothing happens when there is none. Main
+// thread.
 void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title);
+// The same with the host's own `content` as the root screen's view, under everything the
+// library presents over it. `root`'s view must not be loaded yet; the window takes a reference
+// to `content` (a floating one is sunk).
+void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title, GtkWidget* content);
 
 // The file that holds the key-value store of `bundleIdentifier`:
 // $XDG_CONFIG_HOME/<bundle identifier>/defaults.json, or ~/.config when XDG_CONFIG_HOME is
