@@ -2,6 +2,8 @@
 
 // What the browser tests share: the GLib main context to wait on, and the display they run on.
 
+#include "TestTools.hpp"
+
 #include <chrono>
 #include <functional>
 #include <string>
@@ -15,25 +17,7 @@ bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds bound
 // Runs what is due on the main context now, without waiting.
 void drain();
 
-// A port on 127.0.0.1 that nothing listens on.
-int closedPort();
-
-// An X server of our own for the run: Xvfb on the first free display, stopped when the process
-// that started it ends, however it ends.
-class XvfbDisplay {
-public:
-    XvfbDisplay();
-    ~XvfbDisplay();
-    XvfbDisplay(const XvfbDisplay&) = delete;
-    XvfbDisplay& operator=(const XvfbDisplay&) = delete;
-
-    // ":<n>", or empty when the server did not start.
-    const std::string& name() const { return name_; }
-
-private:
-    int pid_ = -1;
-    std::string name_;
-};
+using testing::closedPort;
 
 // Prepares the process for WebKitGTK under its own Xvfb, with fresh XDG folders, and
 // initialises GTK. False when no display could be had.

@@ -1,6 +1,7 @@
 #include "PeerProcess.hpp"
 
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <spawn.h>
@@ -14,7 +15,7 @@ namespace kelvane::testing {
 std::string PeerProcess::peersDirectory() { return std::string(KELVANE_SOURCE_DIR) + "/tests/peers"; }
 
 PeerProcess::PeerProcess(const std::string& script, const std::vector<std::string>& args,
-                         std::chrono::milliseconds startBound) {
+                         std::chrono::milliseconds startBound, const std::string& readyPrefix) {
     int input[2], output[2];
     if (pipe2(input, O_CLOEXEC) != 0) return;
     if (pipe2(output, O_CLOEXEC) != 0) {
@@ -26,7 +27,7 @@ PeerProcess::PeerProcess(const std::string& script, const std::vector<std::strin
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, input[0], 0);
     posix_spawn_file_actions_adddup2(&actions, output[1], 1);
-    std::string path = peersDirectory() + "/" + script;
+    std::string path = script.starts_with("/") ? script : peersDirectory() + "/" + script;
     std::vector<std::string> words{"node", path};
     words.insert(words.end(), args.begin(), args.end());
     std::vector<char*> argv;
@@ -42,7 +43,7 @@ PeerProcess::PeerProcess(const std::string& script, const std::vector<std::strin
         return;
     }
     reader_ = std::thread([this, fd = output[0]] { readOutput(fd); });
-    if (auto line = waitForLine("PORT ", startBound)) port_ = std::stoi(line->substr(5));
+    if (auto line = waitForLine(readyPrefix, startBound)) port_ = std::atoi(line->c_str() + line->find_last_of(" :") + 1);
 }
 
 PeerProcess::~PeerProcess() {

@@ -18,9 +18,12 @@ class PeerProcess {
 public:
     using Clock = std::chrono::steady_clock;
 
-    // Runs `node tests/peers/<script> <args...>` and waits for its "PORT <n>" line.
+    // Runs `node tests/peers/<script> <args...>` (a script given by an absolute path stays as
+    // it is) and waits for its first line that starts with `readyPrefix`, which ends with the
+    // port ("PORT <n>", "... listening on http://127.0.0.1:<n>").
     PeerProcess(const std::string& script, const std::vector<std::string>& args,
-                std::chrono::milliseconds startBound = std::chrono::seconds(20));
+                std::chrono::milliseconds startBound = std::chrono::seconds(20),
+                const std::string& readyPrefix = "PORT ");
     ~PeerProcess();
     PeerProcess(const PeerProcess&) = delete;
     PeerProcess& operator=(const PeerProcess&) = delete;

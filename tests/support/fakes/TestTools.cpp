@@ -7,7 +7,11 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace kelvane::testing {
 
@@ -23,6 +27,18 @@ std::string run(const std::string& command) {
     int status = pclose(pipe);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ADD_FAILURE() << "command failed: " << command;
     return output;
+}
+
+int closedPort() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    close(fd);
+    return ntohs(address.sin_port);
 }
 
 std::string readFile(const std::filesystem::path& path) {

@@ -8,6 +8,9 @@ namespace kelvane::testing {
 // Runs a shell command and returns its standard output; fails the test on a non-zero exit.
 std::string run(const std::string& command);
 
+// A port on 127.0.0.1 that nothing listens on.
+int closedPort();
+
 std::string readFile(const std::filesystem::path& path);
 void writeFile(const std::filesystem::path& path, const std::string& contents);
 
