@@ -1,0 +1,34 @@
+#pragma once
+
+// Where the demo's transaction comes from: a push file, a link, or one minted at the sandbox.
+
+#include "Options.hpp"
+
+#include <kelvane/Json.hpp>
+
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace demo {
+
+struct Transaction {
+    // How the summary names it.
+    std::string description;
+    // A push message ({"payload": "<payload text>"}), or else a link to resolve.
+    std::optional<kelvane::Json> message;
+    std::optional<std::string> deeplink;
+    std::optional<std::string> key;
+};
+
+struct LoadResult {
+    std::optional<Transaction> transaction;
+    int exitCode = kCompleted;  // when there is no transaction
+    std::string reason;
+};
+
+// Reads the push file or takes the link; with neither, mints one at the sandbox on a thread of
+// its own. `done` runs once, on the main queue.
+void loadTransaction(const Options& options, std::function<void(LoadResult)> done);
+
+}  // namespace demo
