@@ -56,6 +56,8 @@ std::string trimmed(std::string text) {
 
 }  // namespace
 
+void printFailure(const std::string& reason) { std::printf("  verdict:        failed: %s\n", reason.c_str()); }
+
 FileText readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) return {std::nullopt, std::strerror(errno)};
@@ -131,7 +133,7 @@ Options parseOptions(int argc, char** argv, const std::string& defaultVersion) {
     if (keyFile) {
         auto file = readFile(*keyFile);
         if (!file.text) {
-            std::printf("  verdict:        failed: the file %s could not be read: %s\n", keyFile->c_str(), file.error.c_str());
+            printFailure("the file " + *keyFile + " could not be read: " + file.error);
             std::exit(kBadArguments);
         }
         options.key = trimmed(*file.text);

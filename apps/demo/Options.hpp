@@ -39,6 +39,9 @@ struct Options {
 // with kBadArguments for anything wrong, an unreadable key file included.
 Options parseOptions(int argc, char** argv, const std::string& defaultVersion);
 
+// Prints the verdict line of a failed run: the end of the summary, or all of it before a start.
+void printFailure(const std::string& reason);
+
 // The whole text of a file, or the reason it could not be read.
 struct FileText {
     std::optional<std::string> text;

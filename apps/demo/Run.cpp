@@ -172,8 +172,8 @@ void Run::screenshot(std::function<void()> then) {
 void Run::finish(int code, const std::string& reason) {
     if (exitCode_) return;
     exitCode_ = code;
-    verdict_ = code == kCompleted ? "completed" : "failed: " + reason;
-    screen_.setVerdict(verdict_, code == kCompleted);
+    reason_ = reason;
+    screen_.setVerdict(code == kCompleted ? "Completed" : "Failed: " + reason, code == kCompleted);
     screenshot([this] {
         printSummary();
         summarized_ = true;
@@ -200,7 +200,11 @@ void Run::printSummary() const {
     std::printf("  time to page:   %s\n", since(pageAt_).c_str());
     std::printf("  time to result: %s\n", since(resultAt_).c_str());
     std::printf("  close reason:   %s\n", closeReason_ ? closeReason_->c_str() : "none");
-    std::printf("  verdict:        %s\n", verdict_.c_str());
+    if (exitCode_ == kCompleted) {
+        std::printf("  verdict:        completed\n");
+    } else {
+        printFailure(reason_);
+    }
 }
 
 int Run::exec() {

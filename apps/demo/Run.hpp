@@ -90,7 +90,7 @@ private:
     std::optional<int> exitCode_;
     bool summarized_ = false;
     bool windowClosed_ = false;
-    std::string verdict_;
+    std::string reason_;
 };
 
 }  // namespace demo

@@ -94,7 +94,7 @@ private:
 int main(int argc, char** argv) {
     demo::Options options = demo::parseOptions(argc, argv, KELVANE_DEMO_VERSION);
     if (!gtk_init_check()) {
-        std::printf("  verdict:        failed: no display to open a window on (set DISPLAY or WAYLAND_DISPLAY)\n");
+        demo::printFailure("no display to open a window on (set DISPLAY or WAYLAND_DISPLAY)");
         return demo::kNotCompleted;
     }
 
@@ -103,7 +103,7 @@ int main(int argc, char** argv) {
     if (options.log) {
         std::FILE* log = std::fopen(options.log->c_str(), "w");
         if (!log) {
-            std::printf("  verdict:        failed: the file %s could not be opened for the log\n", options.log->c_str());
+            demo::printFailure("the file " + *options.log + " could not be opened for the log");
             return demo::kBadArguments;
         }
         kelvane::setLogSink([log](std::string_view line) {
