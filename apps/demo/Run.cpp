@@ -40,6 +40,8 @@ Run::Run(Options options, Screen& screen)
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     auto limit = std::chrono::duration<double>(options_.timeoutSeconds);
     kelvane::Queue::main()->asyncAfter(std::chrono::duration_cast<Clock::duration>(limit), [this] {
+        // The bound holds for a window left open after the verdict too.
+        if (summarized_) return g_main_loop_quit(loop_);
         char text[96];
         std::snprintf(text, sizeof text, "the transaction did not complete within %g s", options_.timeoutSeconds);
         finish(kTimedOut, text);
@@ -177,7 +179,7 @@ void Run::finish(int code, const std::string& reason) {
     screenshot([this] {
         printSummary();
         summarized_ = true;
-        if (options_.autoRun || windowClosed_) {
+        if (options_.autoRun || windowClosed_ || exitCode_ == kTimedOut) {
             g_main_loop_quit(loop_);
         } else {
             note(now(), "close the window to quit");
