@@ -59,6 +59,7 @@ void Screen::setStarted() {
 void Screen::addLine(const std::string& line) { gtk_box_append(GTK_BOX(list_), label(line, "monospace")); }
 
 void Screen::setVerdict(const std::string& verdict, bool completed) {
+    gtk_widget_set_sensitive(button_, FALSE);
     gtk_label_set_text(GTK_LABEL(verdict_), verdict.c_str());
     gtk_widget_add_css_class(verdict_, completed ? "success" : "error");
 }
