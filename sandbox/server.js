@@ -42,18 +42,7 @@ async function main() {
     process.exit(2);
   }
   const sandbox = createSandbox(options);
-  let origin;
-  try {
-    origin = await sandbox.listen();
-  } catch (error) {
-    console.error(`Kelvane sandbox cannot listen on ${options.host}:${options.port}: ${error.message}`);
-    process.exit(1);
-  }
-  console.log(`Kelvane sandbox listening on ${origin}`);
-  console.log(`  dashboard:  ${origin}/`);
-  console.log(`  mint:       POST ${origin}/api/transactions  {"auto":true,"mode":"verify"}`);
-  console.log(`  or:         node sandbox/mint.js --sandbox ${origin} --auto`);
-
+  // Signals are heard from the start, so that a stop right after the first line is not lost.
   let stopping = false;
   const stop = (why) => {
     if (stopping) return;
@@ -66,6 +55,18 @@ async function main() {
   process.on('SIGINT', () => stop('SIGINT'));
   process.on('SIGTERM', () => stop('SIGTERM'));
   if (options.lifetime) setTimeout(() => stop('lifetime'), options.lifetime * 1000);
+
+  let origin;
+  try {
+    origin = await sandbox.listen();
+  } catch (error) {
+    console.error(`Kelvane sandbox cannot listen on ${options.host}:${options.port}: ${error.message}`);
+    process.exit(1);
+  }
+  console.log(`Kelvane sandbox listening on ${origin}`);
+  console.log(`  dashboard:  ${origin}/`);
+  console.log(`  mint:       POST ${origin}/api/transactions  {"auto":true,"mode":"verify"}`);
+  console.log(`  or:         node sandbox/mint.js --sandbox ${origin} --auto`);
 }
 
 main();
