@@ -52,7 +52,8 @@ function createSandbox({ host = '127.0.0.1', port = 8800, storeVersion = null, q
     ['POST', /^\/api\/transactions$/, mint, true],
     ['GET', /^\/api\/transactions$/, () => [200, transactions.list()], false],
     ['GET', /^\/api\/transactions\/([^/]+)$/, (request, response, id) => [200, transactions.get(id)], false],
-    ['POST', /^\/api\/transactions\/([^/]+)\/steps$/, saveSteps, true],
+    // The page saves its progress after each step; the dashboard shows it, the log does not.
+    ['POST', /^\/api\/transactions\/([^/]+)\/steps$/, saveSteps, false],
     ['POST', /^\/api\/transactions\/([^/]+)\/binding$/, checkBinding, true],
     ['POST', /^\/api\/transactions\/([^/]+)\/outcome$/, reportOutcome, true],
     ['GET', /^\/api\/log$/, () => [200, hub.entries], false],
