@@ -13,6 +13,11 @@
 
 #include <csignal>
 
+namespace kelvane {
+// Test names and failures show the event's name.
+void PrintTo(Events event, std::ostream* out) { *out << eventName(event); }
+}  // namespace kelvane
+
 using namespace kelvane;
 using kelvane::testing::PeerProcess;
 using kelvane::testing::run;
