@@ -1,6 +1,9 @@
 'use strict';
 // The page kit in a script context of its own, with a stand-in for the host's handlers.
 const test = require('node:test');
+
+// No test waits for ever: a stuck one fails.
+const bounded = { timeout: 30000 };
 const assert = require('node:assert/strict');
 const crypto = require('crypto');
 const { loadKit } = require('../tools/kit');
@@ -10,7 +13,7 @@ const rejection = (promise) => promise.then(() => assert.fail('resolved'), (erro
 // Values made inside the kit's context have that context's prototypes.
 const plain = (value) => JSON.parse(JSON.stringify(value));
 
-test('answers settle the oldest pending call of their name, and an earlier iosCallback still runs', async () => {
+test('answers settle the oldest pending call of their name, and an earlier iosCallback still runs', bounded, async () => {
   const kit = loadKit({ before: 'var seen = []; window.iosCallback = function (name) { seen.push(name); };' });
   const first = kit.copyToClipboard({ text: 'a' });
   const second = kit.call('copyToClipboard', { text: 'b' });
@@ -32,7 +35,7 @@ test('answers settle the oldest pending call of their name, and an earlier iosCa
   assert.deepEqual(kit.posted.slice(-2).map((post) => post.name), ['success', 'failure']);
 });
 
-test('a call times out by its own bound or the default, and a late answer goes to the next call', async () => {
+test('a call times out by its own bound or the default, and a late answer goes to the next call', bounded, async () => {
   const kit = loadKit();
   kit.defaultTimeout = 20;
   const timedOut = await rejection(kit.checkBiometric());
@@ -47,7 +50,7 @@ test('a call times out by its own bound or the default, and a late answer goes t
   assert.deepEqual(await waiting, { late: true });
 });
 
-test('outside a host, with an unknown name or a body the host cannot take, calls are refused in the page', async () => {
+test('outside a host, with an unknown name or a body the host cannot take, calls are refused in the page', bounded, async () => {
   const outside = loadKit({ inHost: false });
   const notInHost = await rejection(outside.registerSilentBinding(outside.samples.registerSilentBinding));
   assert.equal(notInHost.code, 'notInHost');
@@ -67,7 +70,7 @@ test('outside a host, with an unknown name or a body the host cannot take, calls
   assert.match(uncloneable.message, /copyToClipboard: the host could not take the body \(DataCloneError\)/);
 });
 
-test('the contract refuses every broken sample with the event and field named, and lets every sample through', () => {
+test('the contract refuses every broken sample with the event and field named, and lets every sample through', bounded, () => {
   const kit = loadKit();
   const { events } = describe();
   assert.deepEqual(events.map((entry) => entry.name), plain(kit.events));
@@ -91,7 +94,7 @@ test('the contract refuses every broken sample with the event and field named, a
   assert.equal(kit.check('signFido', signBody).field, 'params.publicKey.allowCredentials[1]');
 });
 
-test('the key and address formats match what the host can open', () => {
+test('the key and address formats match what the host can open', bounded, () => {
   const kit = loadKit();
   const keyOk = (key) => kit.check('registerSilentBinding', { remotePublicKey: key }) === null;
   const rsa = (bits) => crypto.generateKeyPairSync('rsa', { modulusLength: bits }).publicKey;

@@ -1,6 +1,9 @@
 'use strict';
 // The sandbox's HTTP side, in this process on a free port of 127.0.0.1.
 const test = require('node:test');
+
+// No test waits for ever: a stuck one fails.
+const bounded = { timeout: 30000 };
 const assert = require('node:assert/strict');
 const crypto = require('crypto');
 const path = require('path');
@@ -42,7 +45,7 @@ async function pageConfig(where) {
   return JSON.parse(text.match(/<script type="application\/json" id="page-config">(.*?)<\/script>/s)[1]);
 }
 
-test('minting: options are checked by name, and the sealed push opens with its unpadded key', async () => {
+test('minting: options are checked by name, and the sealed push opens with its unpadded key', bounded, async () => {
   for (const [body, named] of [[{ colour: 'red' }, 'colour'], [{ auto: 'yes' }, 'auto'], [{ mode: 'scan' }, 'mode'],
     [{ action: 'ftp://x' }, 'action'], [{ refuseSocket: 1 }, 'refuseSocket'], [[1], 'object'], ['{"auto":', 'JSON']]) {
     const { status, json } = await call('POST', '/api/transactions', body);
@@ -76,7 +79,7 @@ test('minting: options are checked by name, and the sealed push opens with its u
   assert.ok(listed.includes(minted.id) && listed.includes(other.id));
 });
 
-test('status report: recorded by name with a time, and refused for an unknown key or another body', async () => {
+test('status report: recorded by name with a time, and refused for an unknown key or another body', bounded, async () => {
   const { id, requestId } = await mint();
   assert.equal((await call('POST', '/status?key=req_unknown', { status: '201' })).status, 404);
   for (const body of ['', 'not json', { status: 201 }, { status: '20x' }, { status: '201', extra: 1 }, ['201']]) {
@@ -92,7 +95,7 @@ test('status report: recorded by name with a time, and refused for an unknown ke
   assert.ok(statuses.every((entry) => !Number.isNaN(Date.parse(entry.at))));
 });
 
-test('payload by id: the action token, the realm and the id decide; the answer is the plain payload', async () => {
+test('payload by id: the action token, the realm and the id decide; the answer is the plain payload', bounded, async () => {
   const minted = await mint();
   const token = new URL(minted.deeplink).searchParams.get('action_token');
   const bearer = { Authorization: `Bearer ${token}` };
@@ -105,7 +108,7 @@ test('payload by id: the action token, the realm and the id decide; the answer i
   assert.deepEqual(json, JSON.parse(minted.push.payload));
 });
 
-test('Sekura session and store lookup', async () => {
+test('Sekura session and store lookup', bounded, async () => {
   const { id } = await mint();
   assert.equal((await call('GET', '/sekura/session?tx=tx_unknown')).status, 404);
   assert.equal((await call('GET', '/sekura/session')).status, 404);
@@ -122,7 +125,7 @@ test('Sekura session and store lookup', async () => {
   assert.equal((await call('GET', '/lookup?bundleId=x')).json.resultCount, 0);
 });
 
-test('the page: its settings per mode, its loads, its steps, the binding verdict and the outcome', async () => {
+test('the page: its settings per mode, its loads, its steps, the binding verdict and the outcome', bounded, async () => {
   const plain = await mint({ mode: 'appToApp' });
   const config = await pageConfig(`/verify/${plain.id}?auto=1`);
   assert.equal(config.mode, 'appToApp');
@@ -175,7 +178,7 @@ test('the page: its settings per mode, its loads, its steps, the binding verdict
   assert.equal((await pageConfig(`/verify/${failing.id}`)).sekuraUrl, `${origin}/sekura/session?tx=tx_unknown`);
 });
 
-test('anything else: a JSON 4xx, the dashboard and its live feed', async () => {
+test('anything else: a JSON 4xx, the dashboard and its live feed', bounded, async () => {
   assert.equal((await call('GET', '/verify/tx_unknown')).status, 404);
   assert.deepEqual(await call('GET', '/nowhere'), { status: 404, json: { error: 'nothing at /nowhere' }, text: '{"error":"nothing at /nowhere"}' });
   assert.equal((await call('DELETE', '/api/transactions')).status, 405);
@@ -204,7 +207,7 @@ function runNode(args) {
   });
 }
 
-test('the commands: mint.js writes its files or says why not; the server announces itself and stops by itself', async () => {
+test('the commands: mint.js writes its files or says why not; the server announces itself and stops by itself', bounded, async () => {
   const out = fs.mkdtempSync(path.join(os.tmpdir(), 'kelvane-mint-'));
   const minted = await runNode([path.join(__dirname, '..', 'mint.js'), '--sandbox', origin, '--mode', 'playground', '--auto', '--out', out]);
   assert.equal(minted.code, 0, minted.stderr);
