@@ -7,28 +7,9 @@
 // DIR/key.txt and DIR/deeplink.txt. Exit 1 when the sandbox cannot be reached or refuses.
 const fs = require('fs');
 const path = require('path');
+const { readArguments } = require('./lib/cli');
 
 const USAGE = 'usage: node sandbox/mint.js [--sandbox URL] [--auto] [--mode M] [--fail] [--refuse-socket] [--action URL] [--out DIR]';
-
-function parseArguments(words) {
-  const settings = { sandbox: 'http://127.0.0.1:8800', out: null, options: {} };
-  for (let i = 0; i < words.length; i++) {
-    const word = words[i];
-    const value = () => {
-      if (i + 1 >= words.length) throw new Error(`${word} needs a value`);
-      return words[++i];
-    };
-    if (word === '--sandbox') settings.sandbox = value().replace(/\/+$/, '');
-    else if (word === '--auto') settings.options.auto = true;
-    else if (word === '--mode') settings.options.mode = value();
-    else if (word === '--fail') settings.options.fail = true;
-    else if (word === '--refuse-socket') settings.options.refuseSocket = true;
-    else if (word === '--action') settings.options.action = value();
-    else if (word === '--out') settings.out = value();
-    else throw new Error(`unknown argument ${word}`);
-  }
-  return settings;
-}
 
 function writeFiles(directory, answer) {
   fs.mkdirSync(directory, { recursive: true });
@@ -40,13 +21,18 @@ function writeFiles(directory, answer) {
 }
 
 async function main() {
-  let settings;
-  try {
-    settings = parseArguments(process.argv.slice(2));
-  } catch (error) {
-    console.error(`${error.message}\n${USAGE}`);
-    process.exit(2);
-  }
+  const settings = { sandbox: 'http://127.0.0.1:8800', out: null, options: {} };
+  readArguments(USAGE, (word, value) => {
+    if (word === '--sandbox') settings.sandbox = value().replace(/\/+$/, '');
+    else if (word === '--auto') settings.options.auto = true;
+    else if (word === '--mode') settings.options.mode = value();
+    else if (word === '--fail') settings.options.fail = true;
+    else if (word === '--refuse-socket') settings.options.refuseSocket = true;
+    else if (word === '--action') settings.options.action = value();
+    else if (word === '--out') settings.out = value();
+    else return false;
+    return true;
+  });
   let response;
   try {
     response = await fetch(`${settings.sandbox}/api/transactions`, {

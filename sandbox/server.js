@@ -6,54 +6,24 @@
 // The first line on standard output is "Kelvane sandbox listening on http://HOST:PORT"; every
 // later line but the few that follow it logs a request or a socket event (--quiet drops those).
 // It stops on SIGINT, SIGTERM or at the end of --lifetime, closing every socket and stream.
+const { readArguments, wholeNumber } = require('./lib/cli');
 const { createSandbox } = require('./lib/sandbox');
 
 const USAGE = 'usage: node sandbox/server.js [--host 127.0.0.1] [--port 8800] [--store-version V] [--lifetime SECONDS] [--quiet]';
 
-function parseArguments(words) {
-  const options = { host: '127.0.0.1', port: 8800, storeVersion: null, lifetime: null, quiet: false };
-  for (let i = 0; i < words.length; i++) {
-    const word = words[i];
-    const value = () => {
-      if (i + 1 >= words.length) throw new Error(`${word} needs a value`);
-      return words[++i];
-    };
-    const number = (text, low, high) => {
-      const parsed = Number(text);
-      if (!/^\d+$/.test(text) || parsed < low || parsed > high) throw new Error(`${word} must be a whole number from ${low} to ${high}`);
-      return parsed;
-    };
-    if (word === '--host') options.host = value();
-    else if (word === '--port') options.port = number(value(), 0, 65535);
-    else if (word === '--store-version') options.storeVersion = value();
-    else if (word === '--lifetime') options.lifetime = number(value(), 1, 7 * 24 * 3600);
-    else if (word === '--quiet') options.quiet = true;
-    else throw new Error(`unknown argument ${word}`);
-  }
-  return options;
-}
-
 async function main() {
-  let options;
-  try {
-    options = parseArguments(process.argv.slice(2));
-  } catch (error) {
-    console.error(`${error.message}\n${USAGE}`);
-    process.exit(2);
-  }
+  const options = { host: '127.0.0.1', port: 8800, storeVersion: null, lifetime: null, quiet: false };
+  readArguments(USAGE, (word, value) => {
+    if (word === '--host') options.host = value();
+    else if (word === '--port') options.port = wholeNumber(word, value(), 0, 65535);
+    else if (word === '--store-version') options.storeVersion = value();
+    else if (word === '--lifetime') options.lifetime = wholeNumber(word, value(), 1, 7 * 24 * 3600);
+    else if (word === '--quiet') options.quiet = true;
+    else return false;
+    return true;
+  });
   const sandbox = createSandbox(options);
-  let origin;
-  try {
-    origin = await sandbox.listen();
-  } catch (error) {
-    console.error(`Kelvane sandbox cannot listen on ${options.host}:${options.port}: ${error.message}`);
-    process.exit(1);
-  }
-  console.log(`Kelvane sandbox listening on ${origin}`);
-  console.log(`  dashboard:  ${origin}/`);
-  console.log(`  mint:       POST ${origin}/api/transactions  {"auto":true,"mode":"verify"}`);
-  console.log(`  or:         node sandbox/mint.js --sandbox ${origin} --auto`);
-
+  // Signals are heard from the start, so that a stop right after the first line is not lost.
   let stopping = false;
   const stop = (why) => {
     if (stopping) return;
@@ -66,6 +36,18 @@ async function main() {
   process.on('SIGINT', () => stop('SIGINT'));
   process.on('SIGTERM', () => stop('SIGTERM'));
   if (options.lifetime) setTimeout(() => stop('lifetime'), options.lifetime * 1000);
+
+  let origin;
+  try {
+    origin = await sandbox.listen();
+  } catch (error) {
+    console.error(`Kelvane sandbox cannot listen on ${options.host}:${options.port}: ${error.message}`);
+    process.exit(1);
+  }
+  console.log(`Kelvane sandbox listening on ${origin}`);
+  console.log(`  dashboard:  ${origin}/`);
+  console.log(`  mint:       POST ${origin}/api/transactions  {"auto":true,"mode":"verify"}`);
+  console.log(`  or:         node sandbox/mint.js --sandbox ${origin} --auto`);
 }
 
 main();

@@ -42,8 +42,9 @@ class Hub {
         .map(([key, value]) => `${key}=${value}`).join(' ');
       return `${time} SOCKET ${entry.event} ${details}`;
     }
+    const headers = Object.entries(entry.headers).map(([name, value]) => ` [${name}: ${value}]`).join('');
     const body = entry.body ? ` ${entry.body.replace(/\s*\n\s*/g, ' ')}` : '';
-    return `${time} ${entry.method} ${entry.path} -> ${entry.status}${body}${entry.note ? ` (${entry.note})` : ''}`;
+    return `${time} ${entry.method} ${entry.path} -> ${entry.status}${headers}${body}${entry.note ? ` (${entry.note})` : ''}`;
   }
 
   // An SSE stream on `response`, which stays open until the client leaves or the hub stops.

@@ -52,7 +52,8 @@ function createSandbox({ host = '127.0.0.1', port = 8800, storeVersion = null, q
     ['POST', /^\/api\/transactions$/, mint, true],
     ['GET', /^\/api\/transactions$/, () => [200, transactions.list()], false],
     ['GET', /^\/api\/transactions\/([^/]+)$/, (request, response, id) => [200, transactions.get(id)], false],
-    ['POST', /^\/api\/transactions\/([^/]+)\/steps$/, saveSteps, true],
+    // The page saves its progress after each step; the dashboard shows it, the log does not.
+    ['POST', /^\/api\/transactions\/([^/]+)\/steps$/, saveSteps, false],
     ['POST', /^\/api\/transactions\/([^/]+)\/binding$/, checkBinding, true],
     ['POST', /^\/api\/transactions\/([^/]+)\/outcome$/, reportOutcome, true],
     ['GET', /^\/api\/log$/, () => [200, hub.entries], false],
@@ -64,7 +65,12 @@ function createSandbox({ host = '127.0.0.1', port = 8800, storeVersion = null, q
   function reportStatus(request) {
     const record = transactions.byRequestId(request.query.get('key') || '');
     if (!record) throw new HttpError(404, `no transaction with the request id "${request.query.get('key') || ''}"`);
-    const body = parseJson(request.body, null);
+    let body = null;
+    try {
+      body = JSON.parse(request.body);
+    } catch {
+      // Refused below like any other body.
+    }
     if (!isObject(body) || Object.keys(body).length !== 1 || typeof body.status !== 'string' || !/^\d+$/.test(body.status)) {
       throw new HttpError(400, 'the body must be {"status":"<digits>"}');
     }

@@ -66,9 +66,19 @@
     return plan;
   }
 
+  // A line about any answer: its success, message and error codes where it has them.
+  function gist(answer) {
+    const parts = [];
+    if ('success' in answer) parts.push(`success ${answer.success}`);
+    if (answer.message) parts.push(answer.message);
+    const codes = [].concat(answer.errorCodes || [], answer.error || []).filter(Boolean);
+    if (codes.length) parts.push(codes.join(', '));
+    return parts.length ? parts.join(' · ') : 'answered';
+  }
+
   function playgroundPlan() {
     return bridge.events.filter((name) => bridge.contract[name].answers)
-      .map((event) => ({ event, timeout: event === 'readDeviceDetails' ? 120000 : undefined }));
+      .map((event) => ({ event, explain: gist, timeout: event === 'readDeviceDetails' ? 120000 : undefined }));
   }
 
   const plan = config.mode === 'playground' ? playgroundPlan() : verifyPlan();
