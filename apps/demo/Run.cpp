@@ -1,11 +1,11 @@
 #include "Run.hpp"
 
-#include <kelvane/Queue.hpp>
 #include <kelvane/ViewController.hpp>
 
 #include <glib.h>
 
 #include <cstdio>
+#include <functional>
 
 namespace demo {
 
@@ -20,6 +20,17 @@ std::string seconds(Run::Clock::duration span) {
     char text[32];
     std::snprintf(text, sizeof text, "%.3f s", std::chrono::duration<double>(span).count());
     return text;
+}
+
+// The demo's own timers, on the GLib main context whatever platform is installed.
+void after(std::chrono::milliseconds delay, std::function<void()> task) {
+    g_timeout_add_full(G_PRIORITY_DEFAULT, static_cast<guint>(delay.count()),
+                       +[](gpointer data) -> gboolean {
+                           (*static_cast<std::function<void()>*>(data))();
+                           return G_SOURCE_REMOVE;
+                       },
+                       new std::function<void()>(std::move(task)),
+                       +[](gpointer data) { delete static_cast<std::function<void()>*>(data); });
 }
 
 // Why a transaction failed, in the host's words, from the library's error text.
@@ -39,7 +50,7 @@ Run::Run(Options options, Screen& screen)
     : options_(std::move(options)), screen_(screen), loop_(g_main_loop_new(nullptr, FALSE)), start_(Clock::now()) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     auto limit = std::chrono::duration<double>(options_.timeoutSeconds);
-    kelvane::Queue::main()->asyncAfter(std::chrono::duration_cast<Clock::duration>(limit), [this] {
+    after(std::chrono::duration_cast<std::chrono::milliseconds>(limit), [this] {
         // The bound holds for a window left open after the verdict too.
         if (summarized_) return g_main_loop_quit(loop_);
         char text[96];
@@ -107,7 +118,7 @@ void Run::pageFinished() {
         cancelPressed_ = true;
         note(now(), "pressing the flow's exit button");
         std::weak_ptr<kelvane::ViewController> flow = flow_;
-        kelvane::Queue::main()->async([flow] {
+        after(std::chrono::milliseconds(0), [flow] {
             if (auto shown = flow.lock()) shown->performAction("exit");
         });
     }
@@ -152,7 +163,7 @@ void Run::settle() {
         if (resultAt_) return finish(kCompleted, "");
         if (resultGraceArmed_) return;
         resultGraceArmed_ = true;
-        kelvane::Queue::main()->asyncAfter(kResultGrace, [this] {
+        after(kResultGrace, [this] {
             finish(kNotCompleted, "the flow closed without a result from the backend (no onResult)");
         });
         return;
