@@ -154,16 +154,28 @@
     }
     const end = { event: outcome, title: outcome, must: true, status: 'running' };
     steps.push(end);
+    // The verdict shows before the end event: the host closes the page as soon as it gets it.
+    const required = done.filter((step) => step.must);
+    const held = required.filter((step) => step.status === 'passed').length;
+    $('summary').textContent = `${outcome === 'success' ? 'Verification complete' : 'Verification failed'}: ` +
+      `${held} of ${required.length} required steps passed; posting "${outcome}".`;
+    $('summary').className = `summary ${outcome}`;
     render();
+    window.scrollTo(0, 0);
+    await painted();
     try {
       await bridge[outcome]();
       Object.assign(end, { status: 'passed', note: `posted "${outcome}"; the host closes this page` });
     } catch (error) {
       Object.assign(end, { status: 'failed', note: error.message, error: { code: error.code, message: error.message } });
     }
-    $('summary').textContent = outcome === 'success' ? 'Verification complete.' : 'Verification failed.';
-    $('summary').className = `summary ${outcome}`;
     render();
+  }
+
+  // Two animation frames and a moment, so that the verdict is on screen (and in a host's
+  // screenshot) before the host takes the page away.
+  function painted() {
+    return new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(() => setTimeout(resolve, 250))));
   }
 
   async function postJson(url, body) {
