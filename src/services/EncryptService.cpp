@@ -1,6 +1,7 @@
 #include "services/EncryptService.hpp"
 
-#include <kelvane/Base64.hpp>
+#include "support/Base64.hpp"
+
 #include <kelvane/Log.hpp>
 
 #include <openssl/err.h>

@@ -1,9 +1,9 @@
 #include "services/FidoController.hpp"
 
-#include <kelvane/Base64.hpp>
-#include <kelvane/Fatal.hpp>
 #include <kelvane/Log.hpp>
 
+#include "support/Base64.hpp"
+#include "support/Fatal.hpp"
 #include "support/Ports.hpp"
 
 #include <type_traits>

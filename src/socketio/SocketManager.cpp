@@ -2,8 +2,7 @@
 
 #include "socketio/SocketEngine.hpp"
 #include "socketio/SocketLogger.hpp"
-
-#include <kelvane/Fatal.hpp>
+#include "support/Fatal.hpp"
 
 #include <algorithm>
 #include <cmath>

@@ -2,9 +2,9 @@
 
 #include "socketio/SocketLogger.hpp"
 #include "socketio/SocketStringReader.hpp"
+#include "support/Fatal.hpp"
 
 #include <kelvane/Bytes.hpp>
-#include <kelvane/Fatal.hpp>
 
 #include <cmath>
 #include <cstring>

@@ -1,7 +1,8 @@
 #include "socketio/SocketStringReader.hpp"
 
+#include "support/Fatal.hpp"
+
 #include <kelvane/Bytes.hpp>
-#include <kelvane/Fatal.hpp>
 
 #include <algorithm>
 #include <limits>

@@ -1,4 +1,4 @@
-#include <kelvane/Record.hpp>
+#include "support/Record.hpp"
 
 #include <kelvane/Bytes.hpp>
 
