@@ -4,6 +4,7 @@
 
 #include "services/EncryptService.hpp"
 #include "support/Base64.hpp"
+#include "support/Utf8.hpp"
 
 #include <cstdint>
 #include <string>

@@ -3,6 +3,7 @@
 // nothing it does reaches the network.
 #include "socketio/SocketEngine.hpp"
 #include "support/Fatal.hpp"
+#include "support/Utf8.hpp"
 
 #include <cstdint>
 #include <memory>

@@ -1,6 +1,7 @@
 #include "services/EncryptService.hpp"
 
 #include "support/Base64.hpp"
+#include "support/Utf8.hpp"
 
 #include <kelvane/Log.hpp>
 

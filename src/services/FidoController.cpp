@@ -5,6 +5,7 @@
 #include "support/Base64.hpp"
 #include "support/Fatal.hpp"
 #include "support/Ports.hpp"
+#include "support/Utf8.hpp"
 
 #include <type_traits>
 

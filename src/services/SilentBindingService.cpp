@@ -6,6 +6,7 @@
 #include "services/EncryptService.hpp"
 #include "support/Base64.hpp"
 #include "support/Ports.hpp"
+#include "support/Utf8.hpp"
 
 namespace kelvane {
 

@@ -5,6 +5,7 @@
 #include "socketio/SocketStringReader.hpp"
 #include "support/Base64.hpp"
 #include "support/Fatal.hpp"
+#include "support/Utf8.hpp"
 #include "websocket/Compression.hpp"
 #include "websocket/Text.hpp"
 

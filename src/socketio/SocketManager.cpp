@@ -3,6 +3,7 @@
 #include "socketio/SocketEngine.hpp"
 #include "socketio/SocketLogger.hpp"
 #include "support/Fatal.hpp"
+#include "support/Utf8.hpp"
 
 #include <algorithm>
 #include <cmath>

@@ -3,6 +3,7 @@
 #include "socketio/SocketLogger.hpp"
 #include "socketio/SocketStringReader.hpp"
 #include "support/Fatal.hpp"
+#include "support/Utf8.hpp"
 
 #include <kelvane/Bytes.hpp>
 

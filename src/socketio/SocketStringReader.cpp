@@ -1,8 +1,7 @@
 #include "socketio/SocketStringReader.hpp"
 
 #include "support/Fatal.hpp"
-
-#include <kelvane/Bytes.hpp>
+#include "support/Utf8.hpp"
 
 #include <algorithm>
 #include <limits>
