@@ -1,5 +1,6 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
 #include <kelvane/Json.hpp>
 
 #include <optional>
@@ -9,9 +10,9 @@ namespace kelvane {
 
 // The host's side of a transaction: the only way the library talks back. Each method runs on
 // whatever thread raised it (see each one), never hopping to the main thread by itself.
-class KelvaneService {
+class KELVANE_EXPORT KelvaneService {
 public:
-    virtual ~KelvaneService() = default;
+    virtual ~KelvaneService();
 
     // The page asked for the push token. Answer synchronously and promptly: the caller is the
     // main thread. A host that may be asked must return a token.

@@ -5,6 +5,7 @@
 // builds the platform there, installs it, and runs the default GLib main context, which is
 // the library's main queue.
 
+#include <kelvane/Export.hpp>
 #include <kelvane/ViewController.hpp>
 #include <kelvane/platform/Platform.hpp>
 
@@ -19,16 +20,16 @@ namespace kelvane::gtk {
 // desktop lacks (local authentication, passkeys, camera, location, face verification) and
 // HTTP are left empty, so the library's stand-ins serve. Main thread, after GTK is
 // initialised.
-platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion);
+KELVANE_EXPORT platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion);
 
 // Opens a window whose root screen is `root`, runs the root's lifecycle, and makes it the key
 // window of the installed desktop platform. Nothing happens when the installed view system is
 // not the desktop one. Main thread.
-void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title);
+KELVANE_EXPORT void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title);
 
 // The file that holds the key-value store of `bundleIdentifier`:
 // $XDG_CONFIG_HOME/<bundle identifier>/defaults.json, or ~/.config when XDG_CONFIG_HOME is
 // unset. Any thread.
-std::filesystem::path keyValueStoreFile(const std::string& bundleIdentifier);
+KELVANE_EXPORT std::filesystem::path keyValueStoreFile(const std::string& bundleIdentifier);
 
 }  // namespace kelvane::gtk
