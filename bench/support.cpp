@@ -2,16 +2,16 @@
 // decryption, base64, and the push road up to the page address.
 #include "Figures.hpp"
 
-#include <kelvane/Base64.hpp>
 #include <kelvane/KelvaneApp.hpp>
 #include <kelvane/Log.hpp>
-#include <kelvane/ManualQueue.hpp>
-#include <kelvane/Promise.hpp>
 
 #include "FakePlatform.hpp"
+#include "ManualQueue.hpp"
 #include "flow/Storyboard.hpp"
 #include "flow/WebViewController.hpp"
 #include "services/EncryptService.hpp"
+#include "support/Base64.hpp"
+#include "support/Promise.hpp"
 
 #include <openssl/evp.h>
 

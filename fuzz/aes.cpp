@@ -1,9 +1,10 @@
 // Opening push payloads. The first byte chooses whether key and ciphertext are raw text or
 // base64 of the bytes that follow, so that most inputs reach the cipher.
-#include <kelvane/Base64.hpp>
 #include <kelvane/Log.hpp>
 
 #include "services/EncryptService.hpp"
+#include "support/Base64.hpp"
+#include "support/Utf8.hpp"
 
 #include <cstdint>
 #include <string>

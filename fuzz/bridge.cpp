@@ -1,12 +1,12 @@
 // The page's side of the bridge: an event name (the first line) and a body (the rest, as JSON when
 // it parses, else as a string) posted to a flow whose ports are fakes. A last byte of 1 leaves the
 // host's delegate out, 2 the web view, to reach the planned stops.
-#include <kelvane/Fatal.hpp>
 #include <kelvane/Log.hpp>
 
 #include "FakeHTTP.hpp"
 #include "FakePlatform.hpp"
 #include "flow/WebViewController.hpp"
+#include "support/Fatal.hpp"
 
 #include <cstdint>
 #include <string>

@@ -1,12 +1,12 @@
 // The push road from a raw message: the input is the message dictionary when it is a JSON
 // object, and otherwise the text under "payload". The first byte also picks the host's key.
-#include <kelvane/Fatal.hpp>
 #include <kelvane/KelvaneApp.hpp>
 #include <kelvane/Log.hpp>
 
 #include "FakePlatform.hpp"
 #include "flow/Storyboard.hpp"
 #include "flow/WebViewController.hpp"
+#include "support/Fatal.hpp"
 
 #include <cstdint>
 #include <string>

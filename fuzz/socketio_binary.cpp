@@ -4,11 +4,11 @@
 // them. A completed packet holds its attachments, and what it carries, emitted again, comes
 // back the same through text and blobs. Planned stops: the reader's, and a placeholder whose
 // "num" is missing, no integer or out of range.
-#include <kelvane/Fatal.hpp>
 #include <kelvane/Log.hpp>
 
 #include "socketio/SocketLogger.hpp"
 #include "socketio/SocketPacket.hpp"
+#include "support/Fatal.hpp"
 
 #include <algorithm>
 #include <cstdint>

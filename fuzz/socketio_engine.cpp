@@ -1,9 +1,9 @@
 // Engine.IO messages and polling bodies. The first byte picks the revision (bit 0) and whether
 // the rest is one message or a polling body (bit 1). The engine never connects here, so
 // nothing it does reaches the network.
-#include <kelvane/Fatal.hpp>
-
 #include "socketio/SocketEngine.hpp"
+#include "support/Fatal.hpp"
+#include "support/Utf8.hpp"
 
 #include <cstdint>
 #include <memory>

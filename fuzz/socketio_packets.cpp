@@ -2,12 +2,12 @@
 // parses back to the same packet, and the codec's JSON reader agrees with the JSON library on
 // the whole input. The reader's stops (a read past the end, half a surrogate pair under the
 // cursor) are planned; any other stop is a finding.
-#include <kelvane/Bytes.hpp>
-#include <kelvane/Fatal.hpp>
 #include <kelvane/Log.hpp>
 
 #include "socketio/SocketLogger.hpp"
 #include "socketio/SocketPacket.hpp"
+#include "support/Fatal.hpp"
+#include "support/Utf8.hpp"
 
 #include <algorithm>
 #include <cstdint>

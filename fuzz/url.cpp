@@ -1,10 +1,10 @@
 // URL parsing, components, percent-encoding and the custom-scheme rules on arbitrary text.
-#include <kelvane/Fatal.hpp>
 #include <kelvane/Log.hpp>
 #include <kelvane/URL.hpp>
 
 #include "FakePlatform.hpp"
 #include "services/CustomSchemeService.hpp"
+#include "support/Fatal.hpp"
 
 #include <cstdint>
 #include <cstdlib>

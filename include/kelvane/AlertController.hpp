@@ -1,5 +1,6 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
 #include <kelvane/ViewController.hpp>
 
 #include <functional>
@@ -10,7 +11,7 @@ namespace kelvane {
 
 // A dialog, shown by presenting it like any screen. The view system shows its actions in
 // order; a tap dismisses the dialog and then runs the action's handler, on the main queue.
-class AlertController : public ViewController {
+class KELVANE_EXPORT AlertController : public ViewController {
 public:
     enum class Style { actionSheet = 0, alert = 1 };
     enum class ActionStyle { defaultStyle = 0, cancel = 1, destructive = 2 };
@@ -23,6 +24,7 @@ public:
 
     AlertController(std::string title, std::string message, Style style)
         : title(std::move(title)), message(std::move(message)), preferredStyle(style) {}
+    ~AlertController() override;
 
     void addAction(Action action) { actions.push_back(std::move(action)); }
     // What the view system calls when the user picks action `index`.

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string_view>
@@ -17,20 +16,5 @@ inline ByteView asBytes(std::string_view text) {
 inline std::string_view asText(ByteView bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
-
-// Whether the bytes are well-formed UTF-8 (no overlongs, no surrogates, nothing above U+10FFFF).
-bool isValidUTF8(std::string_view text);
-
-// The UTF-8 sequence at the start of a non-empty text: a well-formed one and its length, or an
-// ill-formed one and the length of its maximal subpart (at least 1), which a decoder replaces
-// with one U+FFFD.
-struct UTF8Sequence {
-    std::size_t length;
-    bool valid;
-};
-UTF8Sequence nextUTF8Sequence(std::string_view text);
-
-// The text without white space and line ends (Unicode's White_Space characters) at either end.
-std::string_view trimmingWhitespacesAndNewlines(std::string_view text);
 
 }  // namespace kelvane

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
+
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -9,7 +11,7 @@ namespace kelvane {
 
 // An error that crosses the library: where it comes from, its number there, and what went
 // wrong in words.
-struct Error {
+struct KELVANE_EXPORT Error {
     std::string domain;
     std::int64_t code = 0;
     std::string message;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
+
 #include <mutex>
 #include <string>
 
@@ -7,7 +9,7 @@ namespace kelvane {
 
 // Process-wide values kept for the host. Nothing in the library reads or writes them. Any
 // thread.
-class GlobalVariables {
+class KELVANE_EXPORT GlobalVariables {
 public:
     static GlobalVariables& shared();
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
 #include <kelvane/Json.hpp>
 #include <kelvane/KelvaneService.hpp>
 #include <kelvane/ViewController.hpp>
@@ -16,7 +17,7 @@ class CustomSchemeService;
 // The one class a host calls. It shows nothing of its own and keeps no delegate: every
 // operation takes the host's delegate. Make it with std::make_shared and keep it. Main queue
 // only: call it on the main thread, after installing the platform.
-class KelvaneApp : public ViewController {
+class KELVANE_EXPORT KelvaneApp : public ViewController {
 public:
     KelvaneApp();
     ~KelvaneApp() override;
@@ -78,7 +79,7 @@ private:
 // KELVANE_STORE_LOOKUP_HOST, the public store ("itunes.apple.com") unless the build names
 // another; setStoreLookupHost replaces it for the whole process, for a store mirror or a test
 // server whose port is known only at run time. Any thread; the next lookup uses it.
-std::string storeLookupHost();
-void setStoreLookupHost(std::string host);
+KELVANE_EXPORT std::string storeLookupHost();
+KELVANE_EXPORT void setStoreLookupHost(std::string host);
 
 }  // namespace kelvane

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
+
 #include <functional>
 #include <string>
 #include <string_view>
@@ -10,8 +12,8 @@ namespace kelvane {
 using LogSink = std::function<void(std::string_view line)>;
 
 // Replaces the sink; an empty function restores standard output. Any thread.
-void setLogSink(LogSink sink);
+KELVANE_EXPORT void setLogSink(LogSink sink);
 // Writes one line (without its line end) to the sink. Any thread; lines never interleave.
-void logLine(std::string_view line);
+KELVANE_EXPORT void logLine(std::string_view line);
 
 }  // namespace kelvane

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
+
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -10,12 +12,12 @@ namespace kelvane {
 // A place where work runs. Serial queues run one task at a time, in the order they were
 // posted; delayed tasks run no earlier than their delay. All members may be called from any
 // thread.
-class Queue {
+class KELVANE_EXPORT Queue {
 public:
     using Task = std::function<void()>;
     using Duration = std::chrono::steady_clock::duration;
 
-    virtual ~Queue() = default;
+    virtual ~Queue();
 
     // Runs `task` later on this queue, never inside this call.
     virtual void async(Task task) = 0;
@@ -39,7 +41,7 @@ public:
 };
 
 // Debug builds check that queue-bound code runs where its header says; release builds skip it.
-void assertOnQueue(const Queue& queue, const char* where);
+KELVANE_EXPORT void assertOnQueue(const Queue& queue, const char* where);
 
 }  // namespace kelvane
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
+
 #include <string_view>
 
 namespace kelvane {
@@ -34,7 +36,7 @@ inline constexpr int kStatusCount = 21;
 // Why a flow closed. The third case is spelled as hosts receive it.
 enum class CloseReason { ByUser, ByNewTransaction, TranscationCompleted };
 
-std::string_view errorName(Status status);
-std::string_view errorName(CloseReason reason);
+KELVANE_EXPORT std::string_view errorName(Status status);
+KELVANE_EXPORT std::string_view errorName(CloseReason reason);
 
 }  // namespace kelvane

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -21,14 +23,14 @@ enum class URLCharacterSet {
 };
 
 // Nothing when the text is not valid UTF-8.
-std::optional<std::string> addingPercentEncoding(std::string_view text, URLCharacterSet allowed);
+KELVANE_EXPORT std::optional<std::string> addingPercentEncoding(std::string_view text, URLCharacterSet allowed);
 // Nothing when a "%" is not followed by two hex digits, or the result is not valid UTF-8.
-std::optional<std::string> removingPercentEncoding(std::string_view text);
+KELVANE_EXPORT std::optional<std::string> removingPercentEncoding(std::string_view text);
 
 class URLComponents;
 
 // An absolute or relative reference in the syntax of RFC 3986, kept as its text.
-class URL {
+class KELVANE_EXPORT URL {
 public:
     // Nothing for an empty text or one that is no URI reference (a blank, a bare "%", a
     // non-ASCII character, a bracket in the query...).
@@ -64,7 +66,7 @@ struct URLQueryItem {
 
 // A URL taken apart, without resolving against a base. Components are kept percent-encoded
 // as written; the plain accessors decode, the plain setters encode.
-class URLComponents {
+class KELVANE_EXPORT URLComponents {
 public:
     URLComponents() = default;
     static std::optional<URLComponents> make(std::string_view text);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -17,9 +19,9 @@ class NavigationController;
 // presents which, which navigation stack holds a screen, and the views on display. It runs
 // the lifecycle on the main queue: loadViewIfNeeded (which calls viewDidLoad once), then
 // viewWillAppear and viewDidAppear at each appearance. Main queue only.
-class ViewController : public std::enable_shared_from_this<ViewController> {
+class KELVANE_EXPORT ViewController : public std::enable_shared_from_this<ViewController> {
 public:
-    virtual ~ViewController() = default;
+    virtual ~ViewController();
 
     virtual void viewDidLoad() {}
     virtual void viewWillAppear(bool /*animated*/) {}
@@ -54,8 +56,9 @@ private:
     std::shared_ptr<platform::View> view_;
 };
 
-class NavigationController : public ViewController {
+class KELVANE_EXPORT NavigationController : public ViewController {
 public:
+    ~NavigationController() override;
     void pushViewController(std::shared_ptr<ViewController> controller, bool animated);
     std::string className() const override { return "UINavigationController"; }
 };

@@ -2,11 +2,11 @@
 
 #include "support/Ports.hpp"
 #include "support/PrettyJson.hpp"
+#include "support/Record.hpp"
+#include "support/Utf8.hpp"
 
-#include <kelvane/Bytes.hpp>
 #include <kelvane/Log.hpp>
 #include <kelvane/Queue.hpp>
-#include <kelvane/Record.hpp>
 #include <kelvane/URL.hpp>
 
 #include <cmath>

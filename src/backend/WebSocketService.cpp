@@ -1,12 +1,12 @@
 #include "backend/WebSocketService.hpp"
 
-#include <kelvane/Bytes.hpp>
-#include <kelvane/Fatal.hpp>
 #include <kelvane/Log.hpp>
 
 #include "backend/ApiService.hpp"
 #include "socketio/SocketIOClient.hpp"
 #include "socketio/SocketManager.hpp"
+#include "support/Fatal.hpp"
+#include "support/Utf8.hpp"
 
 namespace kelvane {
 

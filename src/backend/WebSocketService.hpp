@@ -1,8 +1,7 @@
 #pragma once
 
-#include <kelvane/Promise.hpp>
-
 #include "flow/WebViewController.hpp"
+#include "support/Promise.hpp"
 
 #include <memory>
 #include <string>

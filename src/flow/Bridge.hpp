@@ -2,9 +2,10 @@
 
 // The road from a service's answer record to the script text that runs in the page.
 
+#include "support/Fatal.hpp"
+#include "support/Record.hpp"
+
 #include <kelvane/Error.hpp>
-#include <kelvane/Fatal.hpp>
-#include <kelvane/Record.hpp>
 
 #include <string>
 #include <string_view>

@@ -1,6 +1,7 @@
 #include "flow/WebViewController.hpp"
 
-#include <kelvane/Fatal.hpp>
+#include "support/Fatal.hpp"
+
 #include <kelvane/Log.hpp>
 
 namespace kelvane {

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <kelvane/Fatal.hpp>
+#include "support/Fatal.hpp"
+
 #include <kelvane/ViewController.hpp>
 
 #include <functional>

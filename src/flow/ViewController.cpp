@@ -5,6 +5,10 @@
 
 namespace kelvane {
 
+ViewController::~ViewController() = default;
+NavigationController::~NavigationController() = default;
+AlertController::~AlertController() = default;
+
 std::shared_ptr<platform::View> ViewController::view() {
     loadViewIfNeeded();
     return view_;

@@ -1,6 +1,5 @@
 #include "flow/WebViewController.hpp"
 
-#include <kelvane/Fatal.hpp>
 #include <kelvane/Log.hpp>
 #include <kelvane/Queue.hpp>
 #include <kelvane/AlertController.hpp>
@@ -11,6 +10,7 @@
 #include "flow/FileDownloadService.hpp"
 #include "services/DeviceDetails.hpp"
 #include "services/EncryptService.hpp"
+#include "support/Fatal.hpp"
 #include "support/Ports.hpp"
 
 #include <cstdio>

@@ -30,6 +30,9 @@ KelvaneApp::KelvaneApp() : customSchemeService(std::make_shared<CustomSchemeServ
 
 KelvaneApp::~KelvaneApp() = default;
 
+// The delegate's key function: its vtable and type information live in the library.
+KelvaneService::~KelvaneService() = default;
+
 void KelvaneApp::onPushReceived(const Json& data, std::shared_ptr<KelvaneService> with,
                                 std::optional<std::string> encryptionKey) {
     KELVANE_ASSERT_ON_QUEUE(*Queue::main());

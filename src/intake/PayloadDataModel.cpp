@@ -1,4 +1,4 @@
-#include <kelvane/PayloadDataModel.hpp>
+#include "intake/PayloadDataModel.hpp"
 
 namespace kelvane {
 

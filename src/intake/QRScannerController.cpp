@@ -1,12 +1,12 @@
 #include "intake/QRScannerController.hpp"
 
 #include <kelvane/AlertController.hpp>
-#include <kelvane/Bytes.hpp>
 #include <kelvane/Log.hpp>
 #include <kelvane/Queue.hpp>
 
 #include "flow/Storyboard.hpp"
 #include "support/Ports.hpp"
+#include "support/Utf8.hpp"
 
 namespace kelvane {
 namespace {

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <kelvane/Json.hpp>
-#include <kelvane/Record.hpp>
 
 #include "flow/JsHandler.hpp"
 #include "services/DeviceInfoService.hpp"
+#include "support/Record.hpp"
 
 #include <functional>
 #include <optional>

@@ -3,10 +3,10 @@
 // The forced reads by which services take a page's body. The page is trusted to send what an
 // event needs: a body or key that is not there ends the process rather than answering.
 
-#include <kelvane/Fatal.hpp>
 #include <kelvane/Json.hpp>
 
 #include "flow/JsHandler.hpp"
+#include "support/Fatal.hpp"
 
 #include <optional>
 #include <string>

@@ -1,8 +1,8 @@
 #include "services/CustomSchemeService.hpp"
 
-#include <kelvane/Fatal.hpp>
 #include <kelvane/Log.hpp>
 
+#include "support/Fatal.hpp"
 #include "support/Ports.hpp"
 
 namespace kelvane {

@@ -1,6 +1,6 @@
 #include "services/DeviceDetails.hpp"
 
-#include <kelvane/Fatal.hpp>
+#include "support/Fatal.hpp"
 
 #include <charconv>
 #include <cmath>

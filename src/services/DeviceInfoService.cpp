@@ -1,8 +1,7 @@
 #include "services/DeviceInfoService.hpp"
 
-#include <kelvane/UUID.hpp>
-
 #include "support/Ports.hpp"
+#include "support/UUID.hpp"
 
 namespace kelvane {
 

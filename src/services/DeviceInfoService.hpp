@@ -1,6 +1,6 @@
 #pragma once
 
-#include <kelvane/Record.hpp>
+#include "support/Record.hpp"
 
 #include <optional>
 #include <string>

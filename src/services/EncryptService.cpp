@@ -1,6 +1,8 @@
 #include "services/EncryptService.hpp"
 
-#include <kelvane/Base64.hpp>
+#include "support/Base64.hpp"
+#include "support/Utf8.hpp"
+
 #include <kelvane/Log.hpp>
 
 #include <openssl/err.h>

@@ -1,10 +1,11 @@
 #include "services/FidoController.hpp"
 
-#include <kelvane/Base64.hpp>
-#include <kelvane/Fatal.hpp>
 #include <kelvane/Log.hpp>
 
+#include "support/Base64.hpp"
+#include "support/Fatal.hpp"
 #include "support/Ports.hpp"
+#include "support/Utf8.hpp"
 
 #include <type_traits>
 

@@ -1,6 +1,6 @@
 #include "services/FidoRecords.hpp"
 
-#include <kelvane/Base64.hpp>
+#include "support/Base64.hpp"
 
 namespace kelvane {
 namespace {

@@ -4,9 +4,9 @@
 // and what the page receives.
 
 #include <kelvane/Bytes.hpp>
-#include <kelvane/Record.hpp>
 
 #include "services/DeviceInfoService.hpp"
+#include "support/Record.hpp"
 
 #include <cstdint>
 #include <optional>

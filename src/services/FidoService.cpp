@@ -1,7 +1,8 @@
 #include "services/FidoService.hpp"
 
-#include <kelvane/Base64.hpp>
-#include <kelvane/Fatal.hpp>
+#include "support/Base64.hpp"
+#include "support/Fatal.hpp"
+
 #include <kelvane/Log.hpp>
 #include <kelvane/Queue.hpp>
 #include <kelvane/Status.hpp>

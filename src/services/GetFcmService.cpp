@@ -1,6 +1,7 @@
 #include "services/GetFcmService.hpp"
 
-#include <kelvane/Fatal.hpp>
+#include "support/Fatal.hpp"
+
 #include <kelvane/Log.hpp>
 
 namespace kelvane {

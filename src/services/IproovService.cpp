@@ -1,9 +1,9 @@
 #include "services/IproovService.hpp"
 
-#include <kelvane/Fatal.hpp>
 #include <kelvane/Log.hpp>
 #include <kelvane/Queue.hpp>
 
+#include "support/Fatal.hpp"
 #include "support/Ports.hpp"
 
 #include <charconv>

@@ -1,11 +1,12 @@
 #include "services/SilentBindingService.hpp"
 
-#include <kelvane/Base64.hpp>
 #include <kelvane/Bytes.hpp>
 
 #include "services/BridgeArgs.hpp"
 #include "services/EncryptService.hpp"
+#include "support/Base64.hpp"
 #include "support/Ports.hpp"
+#include "support/Utf8.hpp"
 
 namespace kelvane {
 

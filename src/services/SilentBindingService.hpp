@@ -1,11 +1,11 @@
 #pragma once
 
 #include <kelvane/Json.hpp>
-#include <kelvane/Record.hpp>
 
 #include "flow/JsHandler.hpp"
 #include "services/BiometricController.hpp"
 #include "services/DeviceInfoService.hpp"
+#include "support/Record.hpp"
 
 #include <functional>
 #include <optional>

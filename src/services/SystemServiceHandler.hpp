@@ -1,12 +1,12 @@
 #pragma once
 
 #include <kelvane/Json.hpp>
-#include <kelvane/Promise.hpp>
-#include <kelvane/Record.hpp>
 
 #include "backend/ApiService.hpp"
 #include "flow/JsHandler.hpp"
 #include "services/DeviceInfoService.hpp"
+#include "support/Promise.hpp"
+#include "support/Record.hpp"
 
 #include <functional>
 #include <optional>

@@ -3,11 +3,11 @@
 #include "socketio/SocketLogger.hpp"
 #include "socketio/SocketPacket.hpp"
 #include "socketio/SocketStringReader.hpp"
+#include "support/Base64.hpp"
+#include "support/Fatal.hpp"
+#include "support/Utf8.hpp"
 #include "websocket/Compression.hpp"
 #include "websocket/Text.hpp"
-
-#include <kelvane/Base64.hpp>
-#include <kelvane/Fatal.hpp>
 
 #include <charconv>
 

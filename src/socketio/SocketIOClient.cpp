@@ -1,9 +1,8 @@
 #include "socketio/SocketIOClient.hpp"
 
 #include "socketio/SocketLogger.hpp"
-
-#include <kelvane/Fatal.hpp>
-#include <kelvane/UUID.hpp>
+#include "support/Fatal.hpp"
+#include "support/UUID.hpp"
 
 #include <algorithm>
 #include <charconv>

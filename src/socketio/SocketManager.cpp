@@ -2,8 +2,8 @@
 
 #include "socketio/SocketEngine.hpp"
 #include "socketio/SocketLogger.hpp"
-
-#include <kelvane/Fatal.hpp>
+#include "support/Fatal.hpp"
+#include "support/Utf8.hpp"
 
 #include <algorithm>
 #include <cmath>

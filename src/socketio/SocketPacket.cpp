@@ -2,9 +2,10 @@
 
 #include "socketio/SocketLogger.hpp"
 #include "socketio/SocketStringReader.hpp"
+#include "support/Fatal.hpp"
+#include "support/Utf8.hpp"
 
 #include <kelvane/Bytes.hpp>
-#include <kelvane/Fatal.hpp>
 
 #include <cmath>
 #include <cstring>

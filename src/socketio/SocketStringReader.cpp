@@ -1,7 +1,7 @@
 #include "socketio/SocketStringReader.hpp"
 
-#include <kelvane/Bytes.hpp>
-#include <kelvane/Fatal.hpp>
+#include "support/Fatal.hpp"
+#include "support/Utf8.hpp"
 
 #include <algorithm>
 #include <limits>

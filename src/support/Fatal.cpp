@@ -1,4 +1,4 @@
-#include <kelvane/Fatal.hpp>
+#include "support/Fatal.hpp"
 
 #include <cstdio>
 #include <cstdlib>

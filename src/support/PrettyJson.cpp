@@ -1,6 +1,6 @@
 #include "support/PrettyJson.hpp"
 
-#include <kelvane/Record.hpp>
+#include "support/Record.hpp"
 
 #include <cmath>
 

@@ -1,4 +1,4 @@
-#include <kelvane/Promise.hpp>
+#include "support/Promise.hpp"
 
 #include <atomic>
 #include <stdexcept>

@@ -102,6 +102,8 @@ private:
 
 asio::io_context& networkContext() { return NetworkRuntime::shared().context(); }
 
+Queue::~Queue() = default;
+
 void Queue::sync(Task task) {
     if (isCurrent()) {
         // A hop onto the queue we are on would wait for ever; running in place is what the

@@ -1,6 +1,6 @@
-#include <kelvane/Record.hpp>
+#include "support/Record.hpp"
 
-#include <kelvane/Bytes.hpp>
+#include "support/Utf8.hpp"
 
 #include <cmath>
 #include <fstream>

@@ -1,6 +1,6 @@
 #include <kelvane/URL.hpp>
 
-#include <kelvane/Bytes.hpp>
+#include "support/Utf8.hpp"
 
 #include <boost/url/parse.hpp>
 #include <boost/url/url_view.hpp>

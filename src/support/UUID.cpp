@@ -1,4 +1,4 @@
-#include <kelvane/UUID.hpp>
+#include "support/UUID.hpp"
 
 #include <array>
 #include <cstdint>

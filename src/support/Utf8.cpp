@@ -1,4 +1,4 @@
-#include <kelvane/Bytes.hpp>
+#include "support/Utf8.hpp"
 
 namespace kelvane {
 

@@ -1,5 +1,7 @@
 #include "websocket/Framer.hpp"
 
+#include "support/Utf8.hpp"
+
 namespace kelvane::websocket {
 namespace {
 

@@ -1,5 +1,6 @@
 #include "websocket/HTTPHandler.hpp"
 
+#include "support/Utf8.hpp"
 #include "websocket/Text.hpp"
 
 #include <kelvane/URL.hpp>

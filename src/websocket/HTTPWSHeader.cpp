@@ -1,8 +1,7 @@
 #include "websocket/HTTPWSHeader.hpp"
 
+#include "support/Base64.hpp"
 #include "websocket/Text.hpp"
-
-#include <kelvane/Base64.hpp>
 
 #include <openssl/rand.h>
 

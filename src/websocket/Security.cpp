@@ -1,6 +1,6 @@
 #include "websocket/Security.hpp"
 
-#include <kelvane/Base64.hpp>
+#include "support/Base64.hpp"
 
 #include <openssl/sha.h>
 #include <openssl/x509.h>

@@ -1,9 +1,8 @@
+#include "support/Fatal.hpp"
 #include "websocket/HTTPWSHeader.hpp"
 #include "websocket/Transport.hpp"
 
 #include "support/NetworkContext.hpp"
-
-#include <kelvane/Fatal.hpp>
 
 #include <asio/connect.hpp>
 #include <asio/io_context.hpp>

@@ -1,8 +1,7 @@
 // The push road from the host's call to the page address, through the public operations.
 #include "FlowFixture.hpp"
 #include "TestTools.hpp"
-
-#include <kelvane/Base64.hpp>
+#include "support/Base64.hpp"
 
 using namespace kelvane;
 using kelvane::testing::FlowFixture;

@@ -1,7 +1,6 @@
 // Every vector here is made at test time by the openssl command line.
 #include "services/EncryptService.hpp"
-
-#include <kelvane/Base64.hpp>
+#include "support/Base64.hpp"
 
 #include "FakePlatform.hpp"
 #include "TestTools.hpp"

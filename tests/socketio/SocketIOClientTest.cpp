@@ -1,10 +1,9 @@
 // The namespace client over a fake manager and engine, on a manual handle queue.
+#include "ManualQueue.hpp"
 #include "socketio/SocketIOClient.hpp"
 #include "socketio/SocketIOClientOption.hpp"
 #include "socketio/SocketLogger.hpp"
 #include "support/fakes/FakePlatform.hpp"
-
-#include <kelvane/ManualQueue.hpp>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

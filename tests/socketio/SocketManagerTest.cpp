@@ -1,9 +1,9 @@
+#include "ManualQueue.hpp"
 #include "socketio/SocketManager.hpp"
 
 #include "SocketTestSupport.hpp"
 
 #include <kelvane/Log.hpp>
-#include <kelvane/ManualQueue.hpp>
 
 #include <gtest/gtest.h>
 

@@ -2,6 +2,7 @@
 #include "socketio/SocketLogger.hpp"
 #include "socketio/SocketPacket.hpp"
 #include "socketio/SocketStringReader.hpp"
+#include "support/Utf8.hpp"
 
 #include <gtest/gtest.h>
 

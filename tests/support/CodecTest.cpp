@@ -1,10 +1,11 @@
 // Base64, JSON reads and record encoding.
-#include <kelvane/Base64.hpp>
+#include "intake/PayloadDataModel.hpp"
+#include "support/Base64.hpp"
+#include "support/Record.hpp"
+#include "support/UUID.hpp"
+
 #include <kelvane/Error.hpp>
 #include <kelvane/Json.hpp>
-#include <kelvane/PayloadDataModel.hpp>
-#include <kelvane/Record.hpp>
-#include <kelvane/UUID.hpp>
 
 #include <gtest/gtest.h>
 

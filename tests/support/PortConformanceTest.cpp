@@ -1,10 +1,10 @@
 // The contracts every implementation of a port keeps: the fakes and the library's own
 // stand-ins in the unit suite, and the desktop adapters in the browser suite, where a display
 // exists (built there with KELVANE_CONFORMANCE_DESKTOP).
-#include <kelvane/ManualQueue.hpp>
 #include <kelvane/platform/Platform.hpp>
 
 #include "FakePlatform.hpp"
+#include "ManualQueue.hpp"
 #include "support/Ports.hpp"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,6 @@
-#include <kelvane/ManualQueue.hpp>
-#include <kelvane/Promise.hpp>
-
 #include "FakePlatform.hpp"
+#include "ManualQueue.hpp"
+#include "support/Promise.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,5 @@
-#include <kelvane/ManualQueue.hpp>
+#include "ManualQueue.hpp"
+
 #include <kelvane/Queue.hpp>
 
 #include <gtest/gtest.h>

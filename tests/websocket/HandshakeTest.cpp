@@ -1,7 +1,6 @@
+#include "support/Base64.hpp"
 #include "websocket/HTTPHandler.hpp"
 #include "websocket/HTTPWSHeader.hpp"
-
-#include <kelvane/Base64.hpp>
 
 #include <gtest/gtest.h>
 

@@ -1,14 +1,16 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
+
 #include <optional>
 #include <string>
 
 namespace kelvane::platform {
 
 // Facts of the device and of the build. Any thread.
-class Device {
+class KELVANE_EXPORT Device {
 public:
-    virtual ~Device() = default;
+    virtual ~Device();
     virtual std::string model() const = 0;
     virtual std::string systemName() const = 0;
     virtual std::string systemVersion() const = 0;
@@ -21,9 +23,9 @@ public:
 };
 
 // The host app's bundle. Any thread.
-class Bundle {
+class KELVANE_EXPORT Bundle {
 public:
-    virtual ~Bundle() = default;
+    virtual ~Bundle();
     virtual std::optional<std::string> bundleIdentifier() const = 0;
     // "CFBundleShortVersionString", when the bundle states it.
     virtual std::optional<std::string> shortVersion() const = 0;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
 #include <kelvane/URL.hpp>
 #include <kelvane/ViewController.hpp>
 #include <kelvane/platform/View.hpp>
@@ -28,9 +29,9 @@ struct FaceVerificationStatus {
 };
 
 // Where the outside library puts its own screen. The library calls it on the main queue.
-class FaceVerificationPresentationDelegate {
+class KELVANE_EXPORT FaceVerificationPresentationDelegate {
 public:
-    virtual ~FaceVerificationPresentationDelegate() = default;
+    virtual ~FaceVerificationPresentationDelegate();
     virtual void present(std::shared_ptr<ViewController> controller, std::function<void()> completion) = 0;
     virtual void dismiss(std::shared_ptr<ViewController> controller, std::function<void()> completion) = 0;
 };
@@ -41,25 +42,27 @@ enum class ModalPresentationStyle { fullScreen = 0, pageSheet = 1, formSheet = 2
 // A plain screen that carries the library's screen as its one child, so that the library's
 // screen can be shown over whatever is on top. A view system shows it in its presentation
 // style, its own background behind the child, and lays the child's view out at `childFrame`.
-class FaceVerificationContainer : public ViewController {
+class KELVANE_EXPORT FaceVerificationContainer : public ViewController {
 public:
+    ~FaceVerificationContainer() override;
+
     ModalPresentationStyle modalPresentationStyle = ModalPresentationStyle::fullScreen;
     Color backgroundColor{1, 1, 1, 1};
     std::shared_ptr<ViewController> child;
     Rect childFrame;
 };
 
-class FaceVerificationSession {
+class KELVANE_EXPORT FaceVerificationSession {
 public:
-    virtual ~FaceVerificationSession() = default;
+    virtual ~FaceVerificationSession();
     // Ends the session; whether it was still running. Main queue.
     virtual bool cancel() = 0;
 };
 
 // The outside face verification library.
-class FaceVerification {
+class KELVANE_EXPORT FaceVerification {
 public:
-    virtual ~FaceVerification() = default;
+    virtual ~FaceVerification();
     // Starts a session against the streaming URL with the token. `onStatus` runs once per
     // state change, on a queue of the library's choice; the library lets it go once the
     // session has ended or been cancelled. The library's screen reaches `presentationDelegate`

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
+
 #include <functional>
 #include <memory>
 #include <optional>
@@ -10,9 +12,9 @@ namespace kelvane::platform {
 enum class LAPolicy { deviceOwnerAuthenticationWithBiometrics = 1, deviceOwnerAuthentication = 2 };
 
 // One authentication of the device owner. The reply may come on any thread.
-class LAContext {
+class KELVANE_EXPORT LAContext {
 public:
-    virtual ~LAContext() = default;
+    virtual ~LAContext();
     virtual void setLocalizedFallbackTitle(const std::string& title) = 0;
     // Nothing when the policy can be evaluated, else the LAError code (absent when the
     // platform gave no error object).
@@ -26,9 +28,9 @@ public:
     virtual std::string description() const = 0;
 };
 
-class LocalAuthentication {
+class KELVANE_EXPORT LocalAuthentication {
 public:
-    virtual ~LocalAuthentication() = default;
+    virtual ~LocalAuthentication();
     virtual std::shared_ptr<LAContext> makeContext() = 0;
 };
 

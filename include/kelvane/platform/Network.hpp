@@ -1,6 +1,7 @@
 #pragma once
 
 #include <kelvane/Error.hpp>
+#include <kelvane/Export.hpp>
 #include <kelvane/URL.hpp>
 
 #include <filesystem>
@@ -14,9 +15,9 @@ namespace kelvane::platform {
 
 // Hands URLs to other apps and to the system. Main queue only; completions may come on any
 // thread.
-class URLOpener {
+class KELVANE_EXPORT URLOpener {
 public:
-    virtual ~URLOpener() = default;
+    virtual ~URLOpener();
     virtual bool canOpenURL(const URL& url) const = 0;
     virtual void open(const URL& url, std::function<void(bool opened)> completion) = 0;
     // The text of the URL that opens this app's settings.
@@ -37,9 +38,9 @@ struct HTTPResponse {
 };
 
 // HTTP for the library. Completions run on the HTTP thread, once per task.
-class HTTP {
+class KELVANE_EXPORT HTTP {
 public:
-    virtual ~HTTP() = default;
+    virtual ~HTTP();
     virtual void dataTask(const HTTPRequest& request,
                           std::function<void(std::optional<std::string> data, std::optional<HTTPResponse> response,
                                              std::optional<Error> error)>

@@ -2,6 +2,7 @@
 
 #include <kelvane/Bytes.hpp>
 #include <kelvane/Error.hpp>
+#include <kelvane/Export.hpp>
 #include <kelvane/platform/ViewSystem.hpp>
 
 #include <cstdint>
@@ -80,9 +81,9 @@ using AuthorizationCredential =
 
 // The side of a ceremony that hears its outcome and says where its sheet goes. The platform
 // holds it weakly: once it is gone, the ceremony's outcome goes nowhere.
-class PasskeyAuthorizationDelegate {
+class KELVANE_EXPORT PasskeyAuthorizationDelegate {
 public:
-    virtual ~PasskeyAuthorizationDelegate() = default;
+    virtual ~PasskeyAuthorizationDelegate();
     // One of the two ends a ceremony, once. Any thread, of the platform's choice. A user who
     // cancels the sheet ends it with an error like any other.
     virtual void didCompleteWithAuthorization(AuthorizationCredential credential) = 0;
@@ -92,9 +93,9 @@ public:
 };
 
 // The platform's passkey and security-key authenticators.
-class PasskeyAuthorization {
+class KELVANE_EXPORT PasskeyAuthorization {
 public:
-    virtual ~PasskeyAuthorization() = default;
+    virtual ~PasskeyAuthorization();
     // Offers the requests together, in the given order of preference: the user answers one of
     // them with one authenticator. Returns at once; the outcome reaches `delegate` later. Main
     // queue.

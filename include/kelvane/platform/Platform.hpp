@@ -1,5 +1,6 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
 #include <kelvane/Queue.hpp>
 #include <kelvane/platform/Device.hpp>
 #include <kelvane/platform/FaceVerification.hpp>
@@ -40,8 +41,8 @@ struct Platform {
 
 // Installs the platform, replacing the previous one. Any thread; work already running keeps
 // the ports it took.
-void install(Platform platform);
+KELVANE_EXPORT void install(Platform platform);
 // The installed platform, or an empty one.
-std::shared_ptr<const Platform> current();
+KELVANE_EXPORT std::shared_ptr<const Platform> current();
 
 }  // namespace kelvane::platform

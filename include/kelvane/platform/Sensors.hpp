@@ -1,6 +1,7 @@
 #pragma once
 
 #include <kelvane/Error.hpp>
+#include <kelvane/Export.hpp>
 #include <kelvane/Queue.hpp>
 #include <kelvane/platform/View.hpp>
 
@@ -15,9 +16,9 @@ namespace kelvane::platform {
 enum class AuthorizationStatus { notDetermined = 0, restricted = 1, denied = 2, authorized = 3 };
 
 // A camera session that reads QR codes. Any thread.
-class CaptureSession {
+class KELVANE_EXPORT CaptureSession {
 public:
-    virtual ~CaptureSession() = default;
+    virtual ~CaptureSession();
     // Makes an input of the default video device and adds it; the error when the input cannot
     // be made (the device is busy or refused).
     virtual std::optional<Error> addDefaultVideoInput() = 0;
@@ -36,9 +37,9 @@ public:
 };
 
 // The device's camera for video. Any thread.
-class Camera {
+class KELVANE_EXPORT Camera {
 public:
-    virtual ~Camera() = default;
+    virtual ~Camera();
     virtual AuthorizationStatus authorizationStatus() const = 0;
     // Asks the user when the answer is not known yet; the answer may come on any thread.
     virtual void requestAccess(std::function<void(bool granted)> completion) = 0;
@@ -61,17 +62,17 @@ struct Coordinate {
 };
 
 // Callbacks of the location manager, on the main queue.
-class LocationDelegate {
+class KELVANE_EXPORT LocationDelegate {
 public:
-    virtual ~LocationDelegate() = default;
+    virtual ~LocationDelegate();
     virtual void didChangeAuthorization(LocationAuthorizationStatus status) = 0;
     virtual void didUpdateLocations(const std::vector<Coordinate>& locations) = 0;
     virtual void didFailWithError(const Error& error) = 0;
 };
 
-class LocationManager {
+class KELVANE_EXPORT LocationManager {
 public:
-    virtual ~LocationManager() = default;
+    virtual ~LocationManager();
     virtual void setDelegate(std::weak_ptr<LocationDelegate> delegate) = 0;
     // The raw value, so that a value outside the known ones can be told.
     virtual int authorizationStatus() const = 0;
@@ -80,9 +81,9 @@ public:
     virtual void stopUpdatingLocation() = 0;
 };
 
-class Location {
+class KELVANE_EXPORT Location {
 public:
-    virtual ~Location() = default;
+    virtual ~Location();
     virtual std::shared_ptr<LocationManager> makeManager() = 0;
 };
 
@@ -95,17 +96,17 @@ struct NetworkPath {
 };
 
 // Watches the device's network path; the handler runs on the queue given to start().
-class NetworkPathMonitor {
+class KELVANE_EXPORT NetworkPathMonitor {
 public:
-    virtual ~NetworkPathMonitor() = default;
+    virtual ~NetworkPathMonitor();
     virtual void setPathUpdateHandler(std::function<void(const NetworkPath&)> handler) = 0;
     virtual void start(std::shared_ptr<Queue> queue) = 0;
     virtual void cancel() = 0;
 };
 
-class NetworkPaths {
+class KELVANE_EXPORT NetworkPaths {
 public:
-    virtual ~NetworkPaths() = default;
+    virtual ~NetworkPaths();
     virtual std::shared_ptr<NetworkPathMonitor> makeMonitor() = 0;
 };
 

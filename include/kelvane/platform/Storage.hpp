@@ -1,5 +1,6 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
 #include <kelvane/Json.hpp>
 
 #include <filesystem>
@@ -9,18 +10,18 @@
 namespace kelvane::platform {
 
 // The general pasteboard's text. Main queue only.
-class Pasteboard {
+class KELVANE_EXPORT Pasteboard {
 public:
-    virtual ~Pasteboard() = default;
+    virtual ~Pasteboard();
     virtual std::optional<std::string> string() const = 0;
     virtual void setString(const std::string& text) = 0;
 };
 
 // The app's small persistent store of strings and dictionaries. Any thread; each write is
 // atomic and survives a crash with either the old or the new contents.
-class KeyValueStore {
+class KELVANE_EXPORT KeyValueStore {
 public:
-    virtual ~KeyValueStore() = default;
+    virtual ~KeyValueStore();
     // Nothing for a missing key or a value of another kind.
     virtual std::optional<std::string> string(const std::string& key) const = 0;
     virtual void setString(const std::string& value, const std::string& key) = 0;
@@ -31,9 +32,9 @@ public:
 };
 
 // Where downloaded files go.
-class DocumentsDirectory {
+class KELVANE_EXPORT DocumentsDirectory {
 public:
-    virtual ~DocumentsDirectory() = default;
+    virtual ~DocumentsDirectory();
     virtual std::optional<std::filesystem::path> documentsDirectory() const = 0;
 };
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
+
 #include <memory>
 
 namespace kelvane::platform {
@@ -26,9 +28,9 @@ struct Color {
 };
 
 // A platform view. Main queue only.
-class View {
+class KELVANE_EXPORT View {
 public:
-    virtual ~View() = default;
+    virtual ~View();
     virtual Rect bounds() const = 0;
     virtual Point center() const = 0;
     virtual void setCenter(Point center) = 0;
@@ -38,8 +40,9 @@ public:
 enum class ActivityIndicatorStyle { medium = 100, large = 101 };
 
 // The spinning indicator shown over a page while it waits. Main queue only.
-class ActivityIndicator : public View {
+class KELVANE_EXPORT ActivityIndicator : public View {
 public:
+    ~ActivityIndicator() override;
     virtual void startAnimating() = 0;
     virtual void stopAnimating() = 0;
     virtual bool isAnimating() const = 0;

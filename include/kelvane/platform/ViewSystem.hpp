@@ -1,5 +1,6 @@
 #pragma once
 
+#include <kelvane/Export.hpp>
 #include <kelvane/ViewController.hpp>
 #include <kelvane/platform/View.hpp>
 
@@ -11,16 +12,16 @@ namespace kelvane::platform {
 
 enum class ActivationState { unattached = -1, foregroundActive = 0, foregroundInactive = 1, background = 2 };
 
-class Window {
+class KELVANE_EXPORT Window {
 public:
-    virtual ~Window() = default;
+    virtual ~Window();
     virtual bool isKeyWindow() const = 0;
     virtual std::shared_ptr<ViewController> rootViewController() const = 0;
 };
 
-class Scene {
+class KELVANE_EXPORT Scene {
 public:
-    virtual ~Scene() = default;
+    virtual ~Scene();
     // Only window scenes have windows.
     virtual bool isWindowScene() const = 0;
     virtual ActivationState activationState() const = 0;
@@ -30,9 +31,9 @@ public:
 
 // Scenes, windows, and putting screens on display. Main queue only; callbacks and lifecycle
 // calls come on the main queue.
-class ViewSystem {
+class KELVANE_EXPORT ViewSystem {
 public:
-    virtual ~ViewSystem() = default;
+    virtual ~ViewSystem();
 
     // The app's connected scenes, in whatever order the platform keeps them.
     virtual std::vector<std::shared_ptr<Scene>> connectedScenes() const = 0;

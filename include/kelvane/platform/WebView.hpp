@@ -1,6 +1,7 @@
 #pragma once
 
 #include <kelvane/Error.hpp>
+#include <kelvane/Export.hpp>
 #include <kelvane/Json.hpp>
 #include <kelvane/URL.hpp>
 #include <kelvane/platform/View.hpp>
@@ -29,9 +30,9 @@ struct ScriptMessage {
 };
 
 // Receives the page's posts to window.webkit.messageHandlers.NAME. Main queue.
-class ScriptMessageHandler {
+class KELVANE_EXPORT ScriptMessageHandler {
 public:
-    virtual ~ScriptMessageHandler() = default;
+    virtual ~ScriptMessageHandler();
     virtual void userContentController(const ScriptMessage& message) = 0;
 };
 
@@ -64,9 +65,9 @@ class WebView;
 
 // The web view's navigation events. Main queue. `decisionHandler` must be called exactly once,
 // on the main queue or from an opener's completion.
-class NavigationDelegate {
+class KELVANE_EXPORT NavigationDelegate {
 public:
-    virtual ~NavigationDelegate() = default;
+    virtual ~NavigationDelegate();
     virtual void decidePolicy(WebView& webView, const NavigationAction& action,
                               std::function<void(NavigationActionPolicy)> decisionHandler) = 0;
     virtual void didStartProvisionalNavigation(WebView& webView) = 0;
@@ -87,9 +88,9 @@ enum URLErrorCode : int {
 };
 
 // A page in a web view. Main queue only; completions come on the main queue.
-class WebView {
+class KELVANE_EXPORT WebView {
 public:
-    virtual ~WebView() = default;
+    virtual ~WebView();
     virtual std::shared_ptr<View> view() = 0;
     virtual Point center() const = 0;
     virtual void load(const URLRequest& request) = 0;
@@ -112,9 +113,9 @@ struct WebsiteDataRecord {
 };
 
 // Making web views and the store of their website data. Main queue only.
-class WebViewSystem {
+class KELVANE_EXPORT WebViewSystem {
 public:
-    virtual ~WebViewSystem() = default;
+    virtual ~WebViewSystem();
     virtual std::shared_ptr<WebView> makeWebView(Rect frame, const WebViewConfiguration& configuration) = 0;
 
     // The default store's records of every website data type.

@@ -6,8 +6,7 @@
 #include "FakePlatform.hpp"
 #include "TestTools.hpp"
 #include "flow/WebViewController.hpp"
-
-#include <kelvane/Base64.hpp>
+#include "support/Base64.hpp"
 
 #include <gtest/gtest.h>
 

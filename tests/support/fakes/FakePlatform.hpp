@@ -3,8 +3,9 @@
 // Fake ports for tests and fuzzers: each records what the library asked of it and answers
 // with what the test set.
 
+#include "ManualQueue.hpp"
+
 #include <kelvane/KelvaneService.hpp>
-#include <kelvane/ManualQueue.hpp>
 #include <kelvane/platform/Platform.hpp>
 
 #include <map>

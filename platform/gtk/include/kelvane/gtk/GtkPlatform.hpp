@@ -5,6 +5,7 @@
 // builds the platform there, installs it, and runs the default GLib main context, which is
 // the library's main queue.
 
+#include <kelvane/Export.hpp>
 #include <kelvane/ViewController.hpp>
 #include <kelvane/platform/Platform.hpp>
 
@@ -21,21 +22,21 @@ namespace kelvane::gtk {
 // desktop lacks (local authentication, passkeys, camera, location, face verification) and
 // HTTP are left empty, so the library's stand-ins serve. Main thread, after GTK is
 // initialised.
-platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion);
+KELVANE_EXPORT platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion);
 
 // Opens a window whose root screen is `root`, runs the root's lifecycle, and makes it the key
 // window of the desktop view system: the installed one, or, when the host installed a
 // decorator over it, the one makePlatform made last. Nothing happens when there is none. Main
 // thread.
-void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title);
+KELVANE_EXPORT void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title);
 // The same with the host's own `content` as the root screen's view, under everything the
 // library presents over it. `root`'s view must not be loaded yet; the window takes a reference
 // to `content` (a floating one is sunk).
-void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title, GtkWidget* content);
+KELVANE_EXPORT void openWindow(const std::shared_ptr<ViewController>& root, const std::string& title, GtkWidget* content);
 
 // The file that holds the key-value store of `bundleIdentifier`:
 // $XDG_CONFIG_HOME/<bundle identifier>/defaults.json, or ~/.config when XDG_CONFIG_HOME is
 // unset. Any thread.
-std::filesystem::path keyValueStoreFile(const std::string& bundleIdentifier);
+KELVANE_EXPORT std::filesystem::path keyValueStoreFile(const std::string& bundleIdentifier);
 
 }  // namespace kelvane::gtk

@@ -1,4 +1,4 @@
-#include <kelvane/ManualQueue.hpp>
+#include "ManualQueue.hpp"
 
 namespace kelvane {
 namespace {

@@ -1,7 +1,8 @@
 #pragma once
 
+#include "support/Fatal.hpp"
+
 #include <kelvane/Error.hpp>
-#include <kelvane/Fatal.hpp>
 #include <kelvane/Queue.hpp>
 
 #include <exception>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <kelvane/Record.hpp>
+#include "support/Record.hpp"
 
 #include <cstdint>
 #include <optional>
@@ -9,7 +9,7 @@
 namespace kelvane {
 
 // The typed form of a transaction message's payload. The push road itself reads the raw
-// dictionary key by key; these records are for hosts and backends that build or check one.
+// dictionary key by key; these records are for code that builds or checks a whole payload.
 // Every field is required.
 
 struct Socket : JsonRecord<Socket> {

@@ -1,0 +1,27 @@
+# Every installed header compiles on its own: one generated translation unit per header, part
+# of the normal build, so a header that leans on an include it does not make breaks the build.
+function(kelvane_check_headers target)
+  get_target_property(headers ${target} HEADER_SET)
+  get_target_property(base_dirs ${target} HEADER_DIRS)
+  set(sources)
+  foreach(header IN LISTS headers)
+    foreach(base IN LISTS base_dirs)
+      cmake_path(IS_PREFIX base "${header}" NORMALIZE inside)
+      if(inside)
+        cmake_path(RELATIVE_PATH header BASE_DIRECTORY "${base}" OUTPUT_VARIABLE relative)
+        break()
+      endif()
+    endforeach()
+    string(REGEX REPLACE "\\.hpp$" ".cpp" source "${CMAKE_CURRENT_BINARY_DIR}/header-check/${relative}")
+    # Twice, so that a header without its include guard fails too.
+    file(CONFIGURE OUTPUT "${source}" CONTENT "#include <${relative}>\n#include <${relative}>\n")
+    list(APPEND sources "${source}")
+  endforeach()
+  add_library(${target}-header-check OBJECT ${sources})
+  target_link_libraries(${target}-header-check PRIVATE ${target})
+endfunction()
+
+kelvane_check_headers(kelvane)
+if(TARGET kelvane-gtk)
+  kelvane_check_headers(kelvane-gtk)
+endif()
