@@ -32,8 +32,10 @@ cmake --install "$work/shared-build" --prefix "$work/shared" >/dev/null
 
 step "exported symbols"
 status=0
+# GNUInstallDirs may pick lib/<multiarch> as the library folder.
+libdir_of() { dirname "$(find "$1" -name libkelvane.so -o -name libkelvane.a | head -n 1)"; }
 for name in kelvane kelvane-gtk; do
-  lib="$work/shared/lib/lib$name.so"
+  lib="$(libdir_of "$work/shared")/lib$name.so"
   soname="$(objdump -p "$lib" | awk '$1 == "SONAME" { print $2 }')"
   if [ "$soname" != "lib$name.so.${version%.*}" ] && [ "$soname" != "lib$name.so.${version%%.*}" ]; then
     echo "lib$name.so: SONAME '$soname' carries no version"
@@ -65,7 +67,7 @@ host_checks() {
   step "$name install: minimal host through pkg-config"
   dir="$work/host-$name-pkgconfig"
   mkdir -p "$dir"
-  PKG_CONFIG_PATH="$prefix/lib/pkgconfig" make -s -C "$dir" -f "$example/Makefile" VPATH="$example" \
+  PKG_CONFIG_PATH="$(libdir_of "$prefix")/pkgconfig" make -s -C "$dir" -f "$example/Makefile" VPATH="$example" \
     CXXFLAGS="$cxxflags" LDFLAGS="$ldflags" ${static:+STATIC=1} >"$dir.log" 2>&1 || { tail -n 40 "$dir.log"; return 1; }
   run_version "$dir/minimal-host"
 }
