@@ -9,6 +9,7 @@
 //   cmd:ping [text]               send a ping with that payload
 //   cmd:fragments <n> <text>      send the text as n fragments
 //   cmd:info                      answer a JSON text: the offer and the agreed extensions
+//   cmd:reset                     reset the TCP connection (RST, no close frame)
 // Reports on stdout: "PONG <hex>", "CLOSE <code> <reason>", "ERROR <message>".
 // Stops by itself when stdin closes or the lifetime ends.
 const fs = require('fs');
@@ -48,6 +49,9 @@ wss.on('connection', (ws, request) => {
         for (let i = 0; i < count; i++) {
           send(ws, text.slice(i * size, (i + 1) * size), { fin: i === count - 1 });
         }
+      } else if (command === 'reset') {
+        ws._socket.resetAndDestroy();
+        console.log('RESET');
       } else if (command === 'info') {
         send(ws, JSON.stringify({ offer: request.headers['sec-websocket-extensions'] || null,
                                   agreed: ws.extensions, host: request.headers.host,

@@ -14,6 +14,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <iostream>
 
 namespace kelvane::websocket {
 namespace {
@@ -178,6 +180,26 @@ TEST(WebSocketPeer, ServerClosesAreReportedAndEchoed) {
         auto flags = client.flags();
         EXPECT_FALSE(flags.canSend || flags.didUpgrade || flags.isConnecting);
     }
+}
+
+TEST(WebSocketPeer, AConnectionResetAfterTheUpgradeGivesAnErrorThenTheCutWithinASecond) {
+    auto peer = wsServer(Json::object());
+    Client client(wsURL(peer), false);
+    ASSERT_TRUE(client.connected());
+    const auto sent = std::chrono::steady_clock::now();
+    client.send("cmd:reset");
+    ASSERT_TRUE(peer.waitForLine("RESET"));
+    const bool cut = client.recorder->waitForKind(Kind::cancelled, 1, std::chrono::seconds(5));
+    const auto elapsed = std::chrono::steady_clock::now() - sent;
+    std::cout << "error and cut after " << std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()
+              << " ms (" << (cut ? "cut" : "no cut") << ")\n";
+    ASSERT_TRUE(cut) << ::testing::PrintToString(client.recorder->kinds());
+    EXPECT_LT(elapsed, std::chrono::seconds(1));
+    EXPECT_EQ(client.recorder->kinds(), (std::vector<std::string>{"connected", "error", "cancelled"}));
+    auto error = client.recorder->ofKind(Kind::error).at(0).error;
+    ASSERT_TRUE(error && std::holds_alternative<Error>(*error));
+    auto flags = client.flags();
+    EXPECT_FALSE(flags.canSend || flags.didUpgrade || flags.isConnecting);
 }
 
 // Certificates made once for the TLS cases: a CA and a server certificate it signed for
