@@ -88,6 +88,7 @@ public:
     void forceStop() override;
     // Dropped, completion and all, unless the upgrade has finished. Frames leave whole, in call
     // order; the completion runs once the transport has taken them, whatever the outcome.
+    // With deflate agreed, data frames are compressed; close, ping and pong never are.
     void write(Bytes data, FrameOpCode opcode, WriteCompletion completion = {}) override;
     void write(const std::string& string, WriteCompletion completion = {}) override;
 

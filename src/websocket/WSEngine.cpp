@@ -94,8 +94,10 @@ void WSEngine::write(Bytes data, FrameOpCode opcode, WriteCompletion completion)
             if (!self->flags_.canSend) return;
         }
         std::optional<Bytes> compressed;
-        // Control frames too: the handler is asked for every write.
-        if (self->compressionHandler_) compressed = self->compressionHandler_->compress(data);
+        // Servers fail the connection on a control frame with RSV1, as the extension says.
+        const bool control = opcode == FrameOpCode::connectionClose || opcode == FrameOpCode::ping ||
+                             opcode == FrameOpCode::pong;
+        if (self->compressionHandler_ && !control) compressed = self->compressionHandler_->compress(data);
         Bytes frame = self->framer_->createWriteFrame(opcode, compressed ? ByteView(*compressed) : ByteView(data),
                                                       compressed.has_value());
         self->transport_->write(std::move(frame), [completion](std::optional<Failure>) {

@@ -202,6 +202,28 @@ TEST(WebSocketPeer, AConnectionResetAfterTheUpgradeGivesAnErrorThenTheCutWithinA
     EXPECT_FALSE(flags.canSend || flags.didUpgrade || flags.isConnecting);
 }
 
+TEST(WebSocketPeer, WithDeflateControlFramesGoUncompressedAndTheServerTakesThem) {
+    auto peer = wsServer({{"deflate", {{"threshold", 0}}}});
+    Client client(wsURL(peer), true);
+    ASSERT_TRUE(client.connected());
+    ASSERT_NE(client.recorder->events()[0].headers["Sec-WebSocket-Extensions"].find("permessage-deflate"),
+              std::string::npos);
+    client.send("cmd:ping answer me");
+    EXPECT_EQ(lineAfter(peer, "PONG " + std::string("616e73776572206d65")), "PONG 616e73776572206d65");
+    client.socket->writePong(bytes("unasked"));
+    EXPECT_EQ(lineAfter(peer, "PONG 756e61736b6564"), "PONG 756e61736b6564");
+    client.send("still compressed");
+    EXPECT_EQ(client.text(), "still compressed");
+    client.socket->disconnect(4001);
+    EXPECT_TRUE(peer.waitForLine("CLOSE ")) << "no close";
+    for (const auto& line : peer.lines()) {
+        EXPECT_EQ(line.rfind("ERROR", 0), std::string::npos) << line;
+        if (line.rfind("CLOSE", 0) == 0) {
+            EXPECT_EQ(line, "CLOSE 4001 ");
+        }
+    }
+}
+
 // Certificates made once for the TLS cases: a CA and a server certificate it signed for
 // "localhost", and a self-signed one for "localhost".
 class WebSocketTLSPeer : public ::testing::Test {
