@@ -146,17 +146,19 @@ void WSCompression::load(const Headers& headers) {
 std::optional<Bytes> WSCompression::decompress(ByteView data, bool isFinal) {
     if (!decompressor_) return std::nullopt;
     auto result = decompressor_->decompress(data, isFinal);
-    if (decompressorTakeOver_) (void)decompressor_->reset();
-    if (auto* bytes = std::get_if<Bytes>(&result)) return std::move(*bytes);
-    return std::nullopt;
+    auto* bytes = std::get_if<Bytes>(&result);
+    if (!bytes) return std::nullopt;
+    if (decompressorTakeOver_ && decompressor_->reset()) return std::nullopt;
+    return std::move(*bytes);
 }
 
 std::optional<Bytes> WSCompression::compress(ByteView data) {
     if (!compressor_) return std::nullopt;
     auto result = compressor_->compress(data);
-    if (compressorTakeOver_) (void)compressor_->reset();
-    if (auto* bytes = std::get_if<Bytes>(&result)) return std::move(*bytes);
-    return std::nullopt;
+    auto* bytes = std::get_if<Bytes>(&result);
+    if (!bytes) return std::nullopt;
+    if (compressorTakeOver_ && compressor_->reset()) return std::nullopt;
+    return std::move(*bytes);
 }
 
 }  // namespace kelvane::websocket

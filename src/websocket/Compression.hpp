@@ -72,6 +72,8 @@ public:
 };
 
 // permessage-deflate: reads the server's agreement and owns the connection's two streams.
+// Without context takeover a stream is reset after each call that succeeded; a failed call
+// leaves it where it stopped, and a failed reset counts as a failed call.
 class WSCompression final : public CompressionHandler {
 public:
     static constexpr const char* headerWSExtensionName = "Sec-WebSocket-Extensions";
