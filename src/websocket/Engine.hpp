@@ -3,6 +3,7 @@
 #include "websocket/Compression.hpp"
 #include "websocket/Framer.hpp"
 #include "websocket/HTTPHandler.hpp"
+#include "websocket/Limits.hpp"
 #include "websocket/Request.hpp"
 #include "websocket/Security.hpp"
 #include "websocket/Transport.hpp"
@@ -95,6 +96,11 @@ public:
     bool respondToPingWithPong() const { return respondToPingWithPong_; }
     void setRespondToPingWithPong(bool respond) { respondToPingWithPong_ = respond; }
 
+    // Before start(). What crosses a limit ends the connection with 1009 and an `error` event
+    // carrying a protocolError WSError of code 1009; before the upgrade, the transport is cut.
+    void setLimits(const Limits& limits);
+    const Limits& limits() const { return limits_; }
+
     // The engine's guarded flags, for tests and callers that must look.
     struct Flags {
         bool isConnecting = false;
@@ -111,7 +117,7 @@ public:
     void didReceiveHTTP(const HTTPEvent& event) override;
     // Framer's queue.
     void frameProcessed(FrameEvent event) override;
-    std::optional<Bytes> decompress(ByteView data, bool isFinal) override;
+    std::optional<Bytes> decompress(ByteView data, bool isFinal, std::size_t limit) override;
     void didForm(FrameCollector::Event event) override;
 
 private:
@@ -127,6 +133,7 @@ private:
     std::shared_ptr<HeaderValidator> headerChecker_;
     std::optional<Request> request_;
     std::shared_ptr<FrameCollector> frameHandler_ = std::make_shared<FrameCollector>();
+    Limits limits_;
     std::string secKeyValue_;
     std::shared_ptr<Queue> writeQueue_ = Queue::makeSerial("websocket.write");
     mutable std::mutex mutex_;

@@ -39,6 +39,13 @@ WSEngine::Flags WSEngine::flags() const {
     return flags_;
 }
 
+void WSEngine::setLimits(const Limits& limits) {
+    limits_ = limits;
+    framer_->setLimits(limits);
+    httpHandler_->setLimits(limits);
+    frameHandler_->setLimits(limits);
+}
+
 void WSEngine::registerDelegate(std::weak_ptr<EngineDelegate> delegate) {
     std::lock_guard lock(delegateMutex_);
     delegate_ = std::move(delegate);
@@ -163,6 +170,12 @@ void WSEngine::connectionChanged(ConnectionState state) {
 
 void WSEngine::didReceiveHTTP(const HTTPEvent& event) {
     if (!event.success) {
+        if (event.tooBig) {
+            // No close frame can go before the upgrade: the transport is cut instead.
+            handleError(Failure(*event.tooBig));
+            forceStop();
+            return;
+        }
         handleError(Failure(event.error));
         return;
     }
@@ -191,9 +204,9 @@ void WSEngine::frameProcessed(FrameEvent event) {
     frameHandler_->add(std::move(event.frame));
 }
 
-std::optional<Bytes> WSEngine::decompress(ByteView data, bool isFinal) {
+std::optional<Bytes> WSEngine::decompress(ByteView data, bool isFinal, std::size_t limit) {
     if (!compressionHandler_) return std::nullopt;
-    return compressionHandler_->decompress(data, isFinal);
+    return compressionHandler_->decompress(data, isFinal, limit);
 }
 
 void WSEngine::didForm(FrameCollector::Event event) {

@@ -28,8 +28,10 @@ Bytes serverFrame(std::uint8_t first, std::string_view payload) {
     return frame;
 }
 
+const std::string kURL = "ws://example.test/socket.io/?EIO=4";
+
 struct Harness {
-    explicit Harness(bool deflate = false, std::string url = "ws://example.test/socket.io/?EIO=4") {
+    explicit Harness(bool deflate = false, std::string url = kURL, Limits limits = {}) {
         transport = std::make_shared<FakeTransport>();
         engine = std::make_shared<WSEngine>(transport, nullptr, nullptr,
                                             deflate ? std::make_shared<WSCompression>() : nullptr);
@@ -38,6 +40,7 @@ struct Harness {
         socket = std::make_shared<WebSocket>(request, engine);
         socket->delegate = recorder;
         socket->callbackQueue = Queue::makeSerial("test.callbacks");
+        socket->setLimits(limits);
         socket->connect();
     }
 
@@ -121,6 +124,40 @@ TEST(WSEngineHandshake, RefusedAnswersReportAnErrorAndLeaveTheEngineConnecting) 
         h.engine->start(Request(URL::make("ws://example.test/")));
         EXPECT_EQ(h.transport->connects.size(), 1u);
         EXPECT_EQ(h.writeCount(), 0u);
+    }
+}
+
+TEST(WSEngineLimits, WhatCrossesALimitEndsTheConnectionWith1009) {
+    Limits limits;
+    limits.maxFrameSize = 10;
+    limits.maxUpgradeResponseSize = 300;
+    const auto tooBig = [](const char* what) { return WSError{ErrorType::protocolError, what, 1009}; };
+    {
+        Harness h(false, kURL, limits);
+        EXPECT_EQ(h.socket->limits(), limits);
+        Bytes incoming = serverFrame(0x82, "0123456789");
+        Bytes over = serverFrame(0x82, "0123456789A");
+        incoming.insert(incoming.end(), over.begin(), over.end());
+        h.open("", incoming);
+        ASSERT_TRUE(h.transport->waitFor([&] { return h.transport->disconnects == 1; }));
+        ASSERT_TRUE(h.recorder->waitForKind(Kind::error));
+        EXPECT_EQ(h.recorder->kinds(), (std::vector<std::string>{"connected", "binary", "error"}));
+        EXPECT_EQ(std::get<WSError>(*h.recorder->ofKind(Kind::error)[0].error), tooBig("frame too big"));
+        auto frames = h.transport->framesWritten();
+        ASSERT_EQ(frames.size(), 1u);
+        EXPECT_EQ(frames[0].opcode, FrameOpCode::connectionClose);
+        EXPECT_EQ(frames[0].closeCode(), 1009);
+    }
+    {
+        // Before the upgrade no close frame can go: the transport is cut.
+        Harness h(false, kURL, limits);
+        h.transport->deliver(ConnectionState{ConnectionState::Kind::connected});
+        h.transport->deliverBytes(bytes("HTTP/1.1 101 Switching Protocols\r\nX-Padding: " + std::string(300, 'p')));
+        ASSERT_TRUE(h.recorder->waitForKind(Kind::error));
+        EXPECT_EQ(std::get<WSError>(*h.recorder->events()[0].error), tooBig("upgrade response too big"));
+        EXPECT_EQ(h.transport->disconnects, 1);
+        EXPECT_EQ(h.writeCount(), 1u);
+        EXPECT_FALSE(h.engine->flags().isConnecting);
     }
 }
 

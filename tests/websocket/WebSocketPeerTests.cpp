@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <iostream>
 
 namespace kelvane::websocket {
@@ -180,6 +181,63 @@ TEST(WebSocketPeer, ServerClosesAreReportedAndEchoed) {
         auto flags = client.flags();
         EXPECT_FALSE(flags.canSend || flags.didUpgrade || flags.isConnecting);
     }
+}
+
+// A field of /proc/self/status in KiB, or -1.
+long statusKiB(const std::string& field) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind(field + ":", 0) == 0) return std::stol(line.substr(field.size() + 1));
+    }
+    return -1;
+}
+
+// Makes the kernel start the peak (VmHWM) afresh from what is resident now, so that the peak
+// read later is this test's own, whatever ran before it in the process.
+bool restartPeak() {
+    std::ofstream clear("/proc/self/clear_refs");
+    clear << "5";
+    clear.flush();
+    return clear.good() && statusKiB("VmHWM") <= statusKiB("VmRSS") + 1024;
+}
+
+TEST(WebSocketPeer, ADecompressionBombIsClosedWith1009BeforeItsMemoryIsTaken) {
+    auto peer = wsServer({{"deflate", {{"threshold", 0}}}});
+    Client client(wsURL(peer), true);
+    ASSERT_TRUE(client.connected());
+    ASSERT_TRUE(restartPeak());
+    const long start = statusKiB("VmRSS");
+
+    // About 1 MB on the wire, 1 GiB once inflated.
+    client.send("cmd:bomb 1024");
+    auto bomb = peer.waitForLine("BOMB ");
+    ASSERT_TRUE(bomb);
+    EXPECT_GT(std::stol(bomb->substr(5)), 1000000);
+    // Whatever the client makes of it (the message, or the refusal), the peak is read after.
+    ASSERT_TRUE(client.recorder->waitFor(
+        [](const auto& events) {
+            for (const auto& e : events) {
+                if (e.kind == Kind::binary || e.kind == Kind::error) return true;
+            }
+            return false;
+        },
+        std::chrono::seconds(60)));
+    const long peak = statusKiB("VmHWM");
+    std::cout << "peak resident memory above the start: " << (peak - start) / 1024 << " MiB\n";
+#if defined(__SANITIZE_THREAD__)
+    // ThreadSanitizer keeps four bytes of shadow for every byte the program touches.
+    constexpr long kShadow = 5;
+#else
+    constexpr long kShadow = 1;
+#endif
+    EXPECT_LT(peak - start, kShadow * 64 * 1024);
+    EXPECT_EQ(peer.waitForLine("CLOSE ").value_or("<no close>"), "CLOSE 1009 ");
+
+    ASSERT_TRUE(client.recorder->waitForKind(Kind::cancelled));
+    EXPECT_EQ(client.recorder->kinds(), (std::vector<std::string>{"connected", "error", "cancelled"}));
+    auto error = client.recorder->ofKind(Kind::error).at(0).error;
+    ASSERT_TRUE(error && std::holds_alternative<WSError>(*error));
+    EXPECT_EQ(std::get<WSError>(*error), (WSError{ErrorType::protocolError, "message too big", 1009}));
 }
 
 TEST(WebSocketPeer, AConnectionResetAfterTheUpgradeGivesAnErrorThenTheCutWithinASecond) {
