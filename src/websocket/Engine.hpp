@@ -82,7 +82,8 @@ public:
              std::shared_ptr<HTTPHandler> httpHandler = nullptr, std::shared_ptr<HeaderValidator> headerChecker = nullptr);
 
     void registerDelegate(std::weak_ptr<EngineDelegate> delegate) override;
-    // A second start while connecting or open does nothing.
+    // A second start while connecting or open does nothing. A request with a line break in a
+    // header field is refused with an `error` naming the field, and nothing is connected.
     void start(Request request) override;
     // Sends a close frame with the code; once it is written, resets and cuts the transport.
     void stop(std::uint16_t closeCode = static_cast<std::uint16_t>(CloseCode::normal)) override;

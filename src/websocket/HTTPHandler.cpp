@@ -46,7 +46,7 @@ std::string percentEncodedPath(const URL& url) {
 }
 
 Bytes requestBytes(const Request& request) {
-    if (!request.url) return {};
+    if (!request.url || request.fieldWithLineBreak()) return {};
     std::string target = percentEncodedPath(*request.url);
     if (target.empty()) target = "/";
     if (auto query = request.url->query()) target += "?" + *query;

@@ -2,6 +2,8 @@
 
 #include "websocket/HTTPWSHeader.hpp"
 
+#include <cerrno>
+
 namespace kelvane::websocket {
 
 const char* eventKindName(WebSocketEvent::Kind kind) {
@@ -63,6 +65,10 @@ void WSEngine::start(Request request) {
     httpHandler_->registerDelegate(self);
     frameHandler_->setDelegate(self);
     if (!request_->url) return;
+    if (auto field = request_->fieldWithLineBreak()) {
+        handleError(Error{"kelvane.websocket", EINVAL, "header field \"" + *field + "\" holds a line break"});
+        return;
+    }
     {
         std::lock_guard lock(mutex_);
         flags_.isConnecting = true;

@@ -31,12 +31,12 @@ Bytes serverFrame(std::uint8_t first, std::string_view payload) {
 const std::string kURL = "ws://example.test/socket.io/?EIO=4";
 
 struct Harness {
-    explicit Harness(bool deflate = false, std::string url = kURL, Limits limits = {}) {
+    explicit Harness(bool deflate = false, std::string url = kURL, Limits limits = {}, std::string chatcode = "42") {
         transport = std::make_shared<FakeTransport>();
         engine = std::make_shared<WSEngine>(transport, nullptr, nullptr,
                                             deflate ? std::make_shared<WSCompression>() : nullptr);
         Request request(URL::make(url), 7);
-        request.setValue("42", "chatcode");
+        request.setValue(chatcode, "chatcode");
         socket = std::make_shared<WebSocket>(request, engine);
         socket->delegate = recorder;
         socket->callbackQueue = Queue::makeSerial("test.callbacks");
@@ -124,6 +124,18 @@ TEST(WSEngineHandshake, RefusedAnswersReportAnErrorAndLeaveTheEngineConnecting) 
         h.engine->start(Request(URL::make("ws://example.test/")));
         EXPECT_EQ(h.transport->connects.size(), 1u);
         EXPECT_EQ(h.writeCount(), 0u);
+    }
+}
+
+TEST(WSEngineHandshake, AFieldWithALineBreakIsRefusedBeforeAnythingIsSent) {
+    for (const char* value : {"42\r\nX-Injected: 1", "42\n", "\r"}) {
+        Harness h(false, kURL, {}, value);
+        ASSERT_TRUE(h.recorder->waitForKind(Kind::error));
+        auto error = std::get<Error>(*h.recorder->events()[0].error);
+        EXPECT_NE(error.message.find("\"chatcode\""), std::string::npos) << error.message;
+        EXPECT_TRUE(h.transport->connects.empty());
+        EXPECT_EQ(h.writeCount(), 0u);
+        EXPECT_FALSE(h.engine->flags().isConnecting);
     }
 }
 

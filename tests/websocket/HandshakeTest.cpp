@@ -164,6 +164,17 @@ TEST(HTTPHandler, WritesTheRequest) {
     EXPECT_EQ(std::string(asText(StringHTTPHandler().convert(request("ws://h.test/a%2Fb")))),
               "GET /a%2Fb HTTP/1.1\r\n\r\n");
     EXPECT_TRUE(FoundationHTTPHandler().convert(Request()).empty());
+
+    // A line break in a field would write lines of the caller's choosing: nothing is written.
+    for (const auto& [name, value] : {std::pair{"chatcode", "42\r\nX-Injected: 1"}, std::pair{"X-A\n", "1"}}) {
+        Request split = request("ws://h.test/");
+        split.setValue("1", "Before");
+        split.setValue(value, name);
+        EXPECT_EQ(split.fieldWithLineBreak(), name);
+        EXPECT_TRUE(FoundationHTTPHandler().convert(split).empty());
+        EXPECT_TRUE(StringHTTPHandler().convert(split).empty());
+    }
+    EXPECT_FALSE(upgrade.fieldWithLineBreak());
 }
 
 TEST(HTTPWSHeader, BuildsTheUpgrade) {
