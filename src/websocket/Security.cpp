@@ -1,9 +1,14 @@
 #include "websocket/Security.hpp"
 
 #include "support/Base64.hpp"
+#include "support/CurlHTTP.hpp"
 #include "support/TLSTrust.hpp"
 
 #include <openssl/sha.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 
 namespace kelvane::websocket {
 
@@ -24,6 +29,32 @@ void FoundationSecurity::evaluateTrust(const ServerTrust& trust, const std::stri
         return;
     }
     completion(PinningState{true, std::nullopt});
+}
+
+std::shared_ptr<platform::HTTP> httpTrusting(std::shared_ptr<CertificatePinning> pinner,
+                                             std::chrono::milliseconds bound) {
+    return std::make_shared<CurlHTTP>([pinner = std::move(pinner), bound](const std::vector<Bytes>& chain,
+                                                                          const std::string& host) {
+        struct Answer {
+            std::mutex mutex;
+            std::condition_variable arrived;
+            std::optional<PinningState> state;
+        };
+        auto answer = std::make_shared<Answer>();
+        pinner->evaluateTrust(ServerTrust(chain), host, [answer](PinningState state) {
+            std::lock_guard lock(answer->mutex);
+            if (!answer->state) answer->state = std::move(state);
+            answer->arrived.notify_all();
+        });
+        std::unique_lock lock(answer->mutex);
+        if (!answer->arrived.wait_for(lock, bound, [&] { return answer->state.has_value(); })) {
+            return std::optional<std::string>(certificateRefusal(host, "the pinner gave no answer in time"));
+        }
+        if (answer->state->success) return std::optional<std::string>();
+        // The same words as on the WebSocket.
+        if (answer->state->error) return std::optional<std::string>(answer->state->error->localizedDescription());
+        return std::optional<std::string>("certificate refused for " + host);
+    });
 }
 
 std::string acceptValue(const std::string& key) {
