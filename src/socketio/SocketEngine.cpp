@@ -103,7 +103,10 @@ bool SocketEngine::setConfigs(const SocketIOClientConfiguration& config) {
             break;
         case Kind::secure: secure_ = *option.get<bool>(); break;
         case Kind::selfSigned: selfSigned_ = *option.get<bool>(); break;
-        case Kind::security: certPinner_ = *option.get<std::shared_ptr<websocket::CertificatePinning>>(); break;
+        case Kind::security:
+            certPinner_ = *option.get<std::shared_ptr<websocket::CertificatePinning>>();
+            pinnedHTTP_.reset();
+            break;
         case Kind::compress: compress_ = true; break;
         case Kind::enableSOCKSProxy: enableSOCKSProxy_ = *option.get<bool>(); break;
         case Kind::useCustomEngine: useCustomEngine_ = *option.get<bool>(); break;
@@ -241,7 +244,13 @@ void SocketEngine::resetEngine() {
     polling_ = true;
     std::weak_ptr<HTTPSessionDelegate> delegate = sessionDelegate_;
     if (ownSessionDelegate_) delegate = std::weak_ptr<SocketEngine>(shared_from_this());
-    session_ = std::make_shared<HTTPSession>(http, engineQueue_, delegate);
+    // Polling trusts whom the WebSocket trusts: the pinner when there is one, else the system's store.
+    auto pollingHTTP = http;
+    if (certPinner_ && http == defaultHTTP()) {
+        if (!pinnedHTTP_) pinnedHTTP_ = websocket::httpTrusting(certPinner_);
+        pollingHTTP = pinnedHTTP_;
+    }
+    session_ = std::make_shared<HTTPSession>(pollingHTTP, engineQueue_, delegate);
     sid_.clear();
     waitingForPoll_ = false;
     waitingForPost_ = false;
@@ -260,11 +269,9 @@ void SocketEngine::createWebSocketAndConnect() {
     addHeaders(headers);
     for (const auto& [name, value] : headers.headers) request.setValue(value, name);
 
-    std::shared_ptr<websocket::CertificatePinning> pinner = certPinner_;
-    if (!pinner && selfSigned_) pinner = std::make_shared<websocket::FoundationSecurity>(true);
     std::shared_ptr<websocket::CompressionHandler> compression;
     if (compress_) compression = std::make_shared<websocket::WSCompression>();
-    ws_ = std::make_shared<websocket::WebSocket>(std::move(request), pinner, compression, useCustomEngine_);
+    ws_ = std::make_shared<websocket::WebSocket>(std::move(request), certPinner_, compression, useCustomEngine_);
     ws_->callbackQueue = engineQueue_;
     ws_->delegate = std::weak_ptr<websocket::WebSocketDelegate>(shared_from_this());
     ws_->connect();

@@ -94,6 +94,7 @@ public:
     const std::shared_ptr<websocket::WebSocket>& ws() const { return ws_; }
 
     // Where polling requests go; the library's libcurl client unless replaced before connect().
+    // With a pinner, that client becomes one of the engine's own that asks the pinner.
     std::shared_ptr<platform::HTTP> http;
 
 private:
@@ -174,6 +175,7 @@ private:
     std::vector<Probe> probeWait_;
     bool secure_ = false;
     std::shared_ptr<websocket::CertificatePinning> certPinner_;
+    std::shared_ptr<platform::HTTP> pinnedHTTP_;  // made for certPinner_ on the first connect
     bool selfSigned_ = false;
 };
 

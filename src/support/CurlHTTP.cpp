@@ -1,8 +1,11 @@
 #include "support/CurlHTTP.hpp"
 
 #include "support/HTTPSession.hpp"
+#include "support/TLSTrust.hpp"
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
 
 #include <algorithm>
 #include <cctype>
@@ -21,9 +24,16 @@ namespace {
 
 const char* const urlErrorDomain = "NSURLErrorDomain";
 
-// The one place where libcurl's results become the errors a URL session reports.
-Error urlLoadingError(CURLcode code) {
+// The one place where libcurl's results become the errors a URL session reports. `refusal` is
+// what the trust check said, `detail` libcurl's own words.
+Error urlLoadingError(CURLcode code, const std::string& refusal = {}, const std::string& detail = {}) {
     switch (code) {
+    case CURLE_PEER_FAILED_VERIFICATION:
+        return {urlErrorDomain, -1202, !refusal.empty() ? refusal : "certificate refused: " + detail};
+    case CURLE_SSL_CONNECT_ERROR:
+        return {urlErrorDomain, -1200,
+                "An SSL error has occurred and a secure connection to the server cannot be made." +
+                    (detail.empty() ? std::string() : " (" + detail + ")")};
     case CURLE_COULDNT_CONNECT:
         return {urlErrorDomain, -1004, "Could not connect to the server."};
     case CURLE_COULDNT_RESOLVE_HOST:
@@ -75,6 +85,8 @@ struct CurlHTTP::Transfer {
         return result == CURLE_ABORTED_BY_CALLBACK && timedOut ? CURLE_OPERATION_TIMEDOUT : result;
     }
 
+    Error error(CURLcode result) const { return urlLoadingError(result, *trustRefusal, errorBuffer); }
+
     // The response, once the transfer went through over HTTP.
     std::optional<platform::HTTPResponse> response() const {
         if (status <= 0) return std::nullopt;
@@ -93,6 +105,11 @@ struct CurlHTTP::Transfer {
     curl_off_t bytesMoved = -1;
     bool timedOut = false;
     std::vector<std::pair<std::string, std::string>> responseHeaders;
+    std::shared_ptr<const ServerTrustCheck> trustCheck;
+    // Why the check refused the server, written during the handshake of a connection this
+    // transfer opened; shared with that connection, which may outlive the transfer.
+    std::shared_ptr<std::string> trustRefusal = std::make_shared<std::string>();
+    char errorBuffer[CURL_ERROR_SIZE] = {};
     // Set when the transfer cannot start; it then finishes at once with this.
     CURLcode setupFailure = CURLE_OK;
     // Runs once, on the loop's thread (or the caller's, for contentsOf).
@@ -143,7 +160,73 @@ int watchIdle(void* target, curl_off_t, curl_off_t downloaded, curl_off_t, curl_
     return 1;
 }
 
-void configure(CurlHTTP::Transfer& transfer, const platform::HTTPRequest& request) {
+// What judges the server of one TLS connection. libcurl makes an SSL_CTX per connection; this
+// belongs to it and goes with it, since a connection may outlive the transfer that opened it.
+struct ConnectionTrust {
+    std::shared_ptr<const ServerTrustCheck> check;
+    std::string host;
+    std::shared_ptr<std::string> refusal;
+};
+
+int connectionTrustIndex() {
+    static const int index = SSL_CTX_get_ex_new_index(
+        0, nullptr, nullptr, nullptr,
+        [](void*, void* trust, CRYPTO_EX_DATA*, int, long, void*) { delete static_cast<ConnectionTrust*>(trust); });
+    return index;
+}
+
+std::vector<Bytes> peerChain(X509_STORE_CTX* context) {
+    std::vector<Bytes> chain;
+    const auto add = [&chain](X509* certificate) {
+        unsigned char* der = nullptr;
+        int length = i2d_X509(certificate, &der);
+        if (length <= 0) return;
+        chain.emplace_back(der, der + length);
+        OPENSSL_free(der);
+    };
+    X509* leaf = X509_STORE_CTX_get0_cert(context);
+    if (leaf) add(leaf);
+    if (STACK_OF(X509)* sent = X509_STORE_CTX_get0_untrusted(context)) {
+        for (int i = 0; i < sk_X509_num(sent); ++i) {
+            X509* certificate = sk_X509_value(sent, i);
+            if (leaf && X509_cmp(certificate, leaf) == 0) continue;
+            add(certificate);
+        }
+    }
+    return chain;
+}
+
+// Stands in for OpenSSL's own verification of the chain, so that the check alone decides.
+int judgeChain(X509_STORE_CTX* context, void* argument) {
+    auto& trust = *static_cast<ConnectionTrust*>(argument);
+    auto refusal = (*trust.check)(peerChain(context), trust.host);
+    if (!refusal) return 1;
+    *trust.refusal = *refusal;
+    X509_STORE_CTX_set_error(context, X509_V_ERR_APPLICATION_VERIFICATION);
+    return 0;
+}
+
+CURLcode installTrust(CURL* easy, void* sslContext, void* target) {
+    auto& transfer = *static_cast<CurlHTTP::Transfer*>(target);
+    // The URL being fetched now, a redirect's target included.
+    char* current = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &current);
+    std::string host;
+    if (auto url = current ? URL::make(current) : std::nullopt) host = url->host().value_or("");
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+
+    auto* context = static_cast<SSL_CTX*>(sslContext);
+    auto* trust = new ConnectionTrust{transfer.trustCheck, std::move(host), transfer.trustRefusal};
+    if (SSL_CTX_set_ex_data(context, connectionTrustIndex(), trust) != 1) {
+        delete trust;
+        return CURLE_OUT_OF_MEMORY;
+    }
+    SSL_CTX_set_cert_verify_callback(context, judgeChain, trust);
+    return CURLE_OK;
+}
+
+void configure(CurlHTTP::Transfer& transfer, const platform::HTTPRequest& request,
+               std::shared_ptr<const ServerTrustCheck> check) {
     CURL* easy = transfer.easy;
     curl_easy_setopt(easy, CURLOPT_URL, request.url.absoluteString().c_str());
     curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer);
@@ -157,6 +240,17 @@ void configure(CurlHTTP::Transfer& transfer, const platform::HTTPRequest& reques
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, appendToBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
+
+    // The check judges every TLS server, the host name included (a pinner may accept a
+    // certificate that names another host); libcurl's own store and name check stay out.
+    transfer.trustCheck = std::move(check);
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 0L);
+    curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
+    curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, installTrust);
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, &transfer);
 
     // An idle timeout, as a URL session's request timeout is: a long poll may outlast it as
     // long as it is not silent for that long.
@@ -309,7 +403,13 @@ private:
     std::unordered_map<CURL*, std::unique_ptr<Transfer>> running;
 };
 
-CurlHTTP::CurlHTTP() {
+CurlHTTP::CurlHTTP()
+    : CurlHTTP([](const std::vector<Bytes>& chain, const std::string& host) -> std::optional<std::string> {
+          if (auto reason = verifyServerChain(chain, host)) return certificateRefusal(host, *reason);
+          return std::nullopt;
+      }) {}
+
+CurlHTTP::CurlHTTP(ServerTrustCheck check) : check_(std::make_shared<const ServerTrustCheck>(std::move(check))) {
     initializeCurlOnce();
     loop_ = std::make_shared<Loop>();
     thread_ = std::thread([loop = loop_] { loop->run(); });
@@ -329,10 +429,10 @@ void CurlHTTP::dataTask(const platform::HTTPRequest& request,
                                            std::optional<Error>)>
                             completion) {
     auto transfer = std::make_unique<Transfer>();
-    configure(*transfer, request);
+    configure(*transfer, request, check_);
     transfer->finish = [completion = std::move(completion)](Transfer& transfer, CURLcode result) {
         if (result != CURLE_OK) {
-            completion(std::nullopt, std::nullopt, urlLoadingError(result));
+            completion(std::nullopt, std::nullopt, transfer.error(result));
             return;
         }
         completion(std::move(transfer.body), transfer.response(), std::nullopt);
@@ -345,7 +445,7 @@ void CurlHTTP::downloadTask(const URL& url,
                                                std::optional<platform::HTTPResponse>, std::optional<Error>)>
                                 completion) {
     auto transfer = std::make_unique<Transfer>();
-    configure(*transfer, getRequest(url));
+    configure(*transfer, getRequest(url), check_);
 
     std::error_code error;
     auto pattern = (std::filesystem::temp_directory_path(error) / "kelvane-download-XXXXXX").string();
@@ -366,7 +466,7 @@ void CurlHTTP::downloadTask(const URL& url,
         if (transfer.file && std::fclose(transfer.file) != 0 && result == CURLE_OK) result = CURLE_WRITE_ERROR;
         transfer.file = nullptr;
         if (result != CURLE_OK) {
-            completion(std::nullopt, std::nullopt, urlLoadingError(result));
+            completion(std::nullopt, std::nullopt, transfer.error(result));
         } else {
             completion(transfer.filePath, transfer.response(), std::nullopt);
         }
@@ -380,10 +480,10 @@ void CurlHTTP::downloadTask(const URL& url,
 
 Result<std::string> CurlHTTP::contentsOf(const URL& url) {
     Transfer transfer;
-    configure(transfer, getRequest(url));
+    configure(transfer, getRequest(url), check_);
     transfer.begin();
     CURLcode result = transfer.outcome(curl_easy_perform(transfer.easy));
-    if (result != CURLE_OK) return urlLoadingError(result);
+    if (result != CURLE_OK) return transfer.error(result);
     return std::move(transfer.body);
 }
 

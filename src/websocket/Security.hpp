@@ -3,8 +3,11 @@
 #include "websocket/WSError.hpp"
 
 #include <kelvane/Bytes.hpp>
+#include <kelvane/platform/Network.hpp>
 
+#include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -66,6 +69,13 @@ public:
 private:
     bool allowSelfSigned_;
 };
+
+// An HTTP client whose TLS servers `pinner` judges, as it judges a WebSocket's servers: the
+// polling road of an engine that has a pinner. The client keeps its connections to itself. A
+// pinner that answers later holds the client's thread until it does, at most `bound`; no
+// answer by then is a refusal.
+std::shared_ptr<platform::HTTP> httpTrusting(std::shared_ptr<CertificatePinning> pinner,
+                                             std::chrono::milliseconds bound = std::chrono::seconds(60));
 
 // base64(SHA-1(key + the protocol's GUID)).
 std::string acceptValue(const std::string& key);
