@@ -9,6 +9,7 @@
 #include "websocket/Compression.hpp"
 #include "websocket/Text.hpp"
 
+#include <algorithm>
 #include <charconv>
 
 namespace kelvane::socketio {
@@ -174,8 +175,23 @@ void SocketEngine::addHeaders(platform::HTTPRequest& request, const std::vector<
 
 // MARK: Entry points (any thread)
 
+bool SocketEngine::underWay() const {
+    std::lock_guard lock(connectMutex_);
+    return connectsSettled_ < connectsAsked_;
+}
+
 void SocketEngine::connect() {
-    engineQueue_->async([self = shared_from_this()] { self->_connect(); });
+    std::uint64_t number = 0;
+    {
+        std::lock_guard lock(connectMutex_);
+        number = ++connectsAsked_;
+    }
+    engineQueue_->async([self = shared_from_this(), number] { self->_connect(number); });
+}
+
+void SocketEngine::sessionEnded() {
+    std::lock_guard lock(connectMutex_);
+    connectsSettled_ = std::max(connectsSettled_, currentConnect_);
 }
 
 void SocketEngine::disconnect(std::string reason) {
@@ -212,12 +228,13 @@ void SocketEngine::write(std::string text, SocketEnginePacketType type, std::vec
 
 // MARK: Session
 
-void SocketEngine::_connect() {
+void SocketEngine::_connect(std::uint64_t number) {
     KELVANE_ASSERT_ON_QUEUE(*engineQueue_);
     if (connected_) {
         socketError(kLogType, [] { return "Engine tried opening while connected. Assuming this was a reconnect"; });
         _disconnect("reconnect");
     }
+    currentConnect_ = number;
     socketLog(kLogType, [&] { return "Starting engine. Server: " + url_.absoluteString(); });
     socketLog(kLogType, [] { return "Handshaking"; });
     resetEngine();
@@ -233,6 +250,10 @@ void SocketEngine::_connect() {
 }
 
 void SocketEngine::resetEngine() {
+    // What an earlier session's requests and socket still report belongs to that session.
+    ++sessionGeneration_;
+    if (ws_) ws_->delegate = {};
+    wsConnected_ = false;
     closed_ = false;
     connected_ = false;
     fastUpgrade_ = false;
@@ -295,9 +316,12 @@ void SocketEngine::didReceive(const websocket::WebSocketEvent& event, websocket:
         wsConnected_ = false;
         websocketDidDisconnect(Error{"SocketIO.SocketEngine.EngineError", 0, ""});
         break;
-    default:
-        // Errors are followed by the cut of the connection, which is what ends the session.
+    case Kind::error:
+        // After the upgrade the cut of the connection follows and ends the session. Before it,
+        // nothing follows: the connect just ended.
+        if (!connected_) sessionEnded();
         break;
+    default: break;
     }
 }
 
@@ -322,6 +346,7 @@ void SocketEngine::websocketDidDisconnect(const std::optional<std::variant<webso
         flushProbeWait();
         return;
     }
+    sessionEnded();
     connected_ = false;
     polling_ = true;
     if (error) {
@@ -426,6 +451,8 @@ void SocketEngine::parseEngineMessage(std::string message) {
     switch (static_cast<SocketEnginePacketType>(digit)) {
     case SocketEnginePacketType::open: handleOpen(message.substr(1)); break;
     case SocketEnginePacketType::close:
+        // The server ended the session; the client reconnects as it sees fit.
+        sessionEnded();
         if (owner) owner->engineDidClose(message);
         break;
     case SocketEnginePacketType::ping: handlePing(message); break;
@@ -585,6 +612,7 @@ void SocketEngine::disconnectPolling(const std::string& reason) {
 }
 
 void SocketEngine::closeOutEngine(const std::string& reason) {
+    sessionEnded();
     sid_.clear();
     closed_ = true;
     invalidated_ = true;
@@ -625,6 +653,8 @@ void SocketEngine::doLongPoll(platform::HTTPRequest request) {
         socketLog(kPollingLogType, [] { return "Got polling response"; });
         if (isValidUTF8(*data)) self->parsePollingMessage(*data);
         self->waitingForPoll_ = false;
+        // A first answer that opened nothing ends the connect, without a word.
+        if (!self->connected_) self->sessionEnded();
         if (self->fastUpgrade_) {
             self->doFastUpgrade();
         } else if (!self->closed_ && self->polling_) {
@@ -636,7 +666,14 @@ void SocketEngine::doLongPoll(platform::HTTPRequest request) {
 void SocketEngine::doRequest(const platform::HTTPRequest& request, HTTPSession::Completion callback) {
     if (!polling_ || closed_ || invalidated_ || fastUpgrade_) return;
     socketLog(kPollingLogType, [&] { return "Doing polling " + request.method + " " + request.url.absoluteString(); });
-    if (session_) session_->dataTask(request, std::move(callback));
+    if (!session_) return;
+    session_->dataTask(request, [weak = weak_from_this(), generation = sessionGeneration_,
+                                 callback = std::move(callback)](auto data, auto response, auto error) {
+        auto self = weak.lock();
+        // An answer to an earlier session's request: that session is gone.
+        if (!self || self->sessionGeneration_ != generation) return;
+        callback(std::move(data), std::move(response), std::move(error));
+    });
 }
 
 void SocketEngine::parsePollingMessage(const std::string& text) {

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <variant>
@@ -41,6 +42,7 @@ public:
     const std::shared_ptr<Queue>& engineQueue() const override { return engineQueue_; }
     void setClient(std::weak_ptr<SocketEngineClient> client) override { client_ = std::move(client); }
     bool setConfigs(const SocketIOClientConfiguration& config) override;
+    bool underWay() const override;
     void connect() override;
     void disconnect(std::string reason) override;
     void send(std::string text, std::vector<Bytes> data, Completion completion = {}) override;
@@ -108,7 +110,9 @@ private:
         Completion completion;
     };
 
-    void _connect();
+    void _connect(std::uint64_t number);
+    // Engine queue: the session of the current connect ended, or that connect opened none.
+    void sessionEnded();
     void _disconnect(const std::string& reason);
     void resetEngine();
     void createURLs();
@@ -175,6 +179,14 @@ private:
     bool secure_ = false;
     std::shared_ptr<websocket::CertificatePinning> certPinner_;
     bool selfSigned_ = false;
+    // Counts the sessions begun, so that answers to an earlier session's requests are dropped.
+    std::uint64_t sessionGeneration_ = 0;
+    // The connect whose session runs or is being opened (engine queue).
+    std::uint64_t currentConnect_ = 0;
+    // Connects asked for, and those whose session (or attempt) ended: read from any thread.
+    mutable std::mutex connectMutex_;
+    std::uint64_t connectsAsked_ = 0;
+    std::uint64_t connectsSettled_ = 0;
 };
 
 }  // namespace kelvane::socketio

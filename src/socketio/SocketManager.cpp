@@ -13,6 +13,8 @@ namespace kelvane::socketio {
 namespace {
 
 constexpr std::string_view kLogType = "SocketManager";
+// How soon a round that found a connect under way looks again, when the wait is shorter.
+constexpr double kMinimumRecheck = 0.01;
 
 double uniformDraw() {
     thread_local std::mt19937_64 generator{std::random_device{}()};
@@ -36,10 +38,13 @@ SocketManager::~SocketManager() {
 
 void SocketManager::setStatus(SocketIOStatus status) {
     status_ = status;
-    if (status == SocketIOStatus::connected) {
-        reconnecting = false;
-        currentReconnectAttempt = 0;
-    }
+    if (status == SocketIOStatus::connected) endReconnectLoop();
+}
+
+void SocketManager::endReconnectLoop() {
+    reconnecting = false;
+    currentReconnectAttempt = 0;
+    ++reconnectLoop_;
 }
 
 void SocketManager::setConfig(const SocketIOClientConfiguration& config) {
@@ -178,6 +183,8 @@ void SocketManager::connectSocket(SocketIOClient& socket, const std::optional<Js
 void SocketManager::disconnect() {
     socketLog(kLogType, [] { return "Manager closing"; });
     setStatus(SocketIOStatus::disconnected);
+    // A later connect that fails starts a loop of its own.
+    endReconnectLoop();
     if (engine_) engine_->disconnect("Disconnect");
 }
 
@@ -252,6 +259,7 @@ void SocketManager::_engineDidClose(const std::string& reason) {
         didDisconnect(reason);
     } else if (!reconnecting) {
         reconnecting = true;
+        ++reconnectLoop_;
         tryReconnect(reason);
     }
 }
@@ -323,6 +331,13 @@ void SocketManager::_tryReconnect() {
         didDisconnect("Reconnect Failed");
         return;
     }
+    if (engine_ && engine_->underWay()) {
+        // One engine connect at a time: this round waits for the one under way to end, or
+        // for the open the engine has not reported yet.
+        socketLog(kLogType, [] { return "Waiting for the engine's connect under way"; });
+        scheduleReconnect(std::max(reconnectInterval(currentReconnectAttempt), kMinimumRecheck));
+        return;
+    }
     socketLog(kLogType, [] { return "Trying to reconnect"; });
     const Json remaining = reconnectAttempts - currentReconnectAttempt;
     forAll([&](SocketIOClient& client) {
@@ -334,9 +349,15 @@ void SocketManager::_tryReconnect() {
     connect();
     const double interval = reconnectInterval(currentReconnectAttempt);
     socketLog(kLogType, [&] { return "Scheduling reconnect in " + Json(interval).dump() + "s"; });
-    handleQueue_->asyncAfter(std::chrono::duration_cast<Queue::Duration>(std::chrono::duration<double>(interval)),
-                             [weak = weak_from_this()] {
-                                 if (auto self = weak.lock()) self->_tryReconnect();
+    scheduleReconnect(interval);
+}
+
+void SocketManager::scheduleReconnect(double seconds) {
+    // The round belongs to this loop; once the loop has ended it does nothing.
+    handleQueue_->asyncAfter(std::chrono::duration_cast<Queue::Duration>(std::chrono::duration<double>(seconds)),
+                             [weak = weak_from_this(), loop = reconnectLoop_] {
+                                 auto self = weak.lock();
+                                 if (self && self->reconnectLoop_ == loop) self->_tryReconnect();
                              });
 }
 

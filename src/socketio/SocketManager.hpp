@@ -104,6 +104,11 @@ public:
     void _parseEngineBinaryData(Bytes data);
     void _engineDidWebsocketUpgrade(const websocket::Headers& headers);
 
+    // The reconnect loop. At most one runs at a time: a close while it runs starts no other,
+    // and a round scheduled by a loop that has ended (the engine opened, disconnect() was
+    // called, a later close started a new loop) does nothing. A round never starts an engine
+    // connect while one is under way, or while the session of one runs; it waits, without
+    // counting an attempt.
     void tryReconnect(const std::string& reason);
     void _tryReconnect();
     // Seconds before the next attempt.
@@ -112,6 +117,8 @@ public:
 private:
     template <class Work>
     void onHandleQueue(Work work);
+    void endReconnectLoop();
+    void scheduleReconnect(double seconds);
 
     URL socketURL_;
     std::shared_ptr<SocketEngineSpec> engine_;
@@ -119,6 +126,8 @@ private:
     SocketIOStatus status_ = SocketIOStatus::notConnected;
     SocketIOVersion version_ = SocketIOVersion::three;
     SocketIOClientConfiguration config_;
+    // Which loop a scheduled round belongs to.
+    std::uint64_t reconnectLoop_ = 0;
 };
 
 }  // namespace kelvane::socketio

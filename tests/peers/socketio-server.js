@@ -14,21 +14,27 @@
 //   "noAck"       emits "noAck" with an ack of its own, printing "ACKED noAck" when answered
 //   "ignore"      leaves its ack unanswered; any other event with an ack gets "ok"
 // Also prints "CONNECT <nsp> <json handshake: headers, query, auth>", "DISCONNECT <nsp> <reason>".
-// Standard input lines: "emit <nsp> <name> <json args>" emits to every socket of the namespace.
+// Standard input lines:
+//   "emit <nsp> <name> <json args>"  emits to every socket of the namespace
+//   "restart <tag> <ms>"             drops everything as a killed server would (connections
+//                                    destroyed unannounced, sessions forgotten), listens again on
+//                                    the same port after <ms>, then prints "RESTARTED <tag>"
+//   "stats <tag>"                    prints "STATS <tag> <json>": sessions (Engine.IO handshakes),
+//                                    connects (namespace joins), echoes (echo events received),
+//                                    since the start
 // Stops by itself when stdin closes or the lifetime ends.
 const http = require('http');
 const { Server } = require('socket.io');
 
 const options = JSON.parse(process.argv[2] || '{}');
 const lifetime = (options.lifetime || 120) * 1000;
-const port = options.port || 0;
+let port = options.port || 0;
 const quiet = options.quiet === true;
 delete options.port;
 delete options.lifetime;
 delete options.quiet;
 
-const server = http.createServer();
-const io = new Server(server, Object.assign({ serveClient: false }, options));
+const stats = { sessions: 0, connects: 0, echoes: 0 };
 
 function shown(value) {
   return JSON.stringify(value, (key, v) => {
@@ -39,6 +45,7 @@ function shown(value) {
 
 function attach(namespace) {
   namespace.on('connection', (socket) => {
+    stats.connects += 1;
     const handshake = { headers: socket.handshake.headers, query: socket.handshake.query, auth: socket.handshake.auth };
     if (!quiet) console.log(`CONNECT ${namespace.name} ${shown(handshake)}`);
     socket.on('disconnect', (reason) => {
@@ -48,6 +55,7 @@ function attach(namespace) {
       const ack = typeof args[args.length - 1] === 'function' ? args.pop() : null;
       if (!quiet) console.log(`EVENT ${namespace.name} ${name} ${shown(args)}`);
       if (name === 'echo') {
+        stats.echoes += 1;
         if (ack) ack(...args);
         else socket.emit('echo', ...args);
       } else if (name === 'binary') {
@@ -67,16 +75,49 @@ function attach(namespace) {
   });
 }
 
-attach(io.of('/'));
-attach(io.of('/chat'));
-io.of('/refused').use((socket, next) => next(new Error('not allowed')));
+let server = null;
+let io = null;
+let sockets = new Set();
 
-server.listen(port, '127.0.0.1', () => console.log(`PORT ${server.address().port}`));
+function start(onListening) {
+  server = http.createServer();
+  io = new Server(server, Object.assign({ serveClient: false }, options));
+  io.engine.on('connection', () => {
+    stats.sessions += 1;
+  });
+  attach(io.of('/'));
+  attach(io.of('/chat'));
+  io.of('/refused').use((socket, next) => next(new Error('not allowed')));
+  const own = new Set();
+  sockets = own;
+  server.on('connection', (socket) => {
+    own.add(socket);
+    socket.on('close', () => own.delete(socket));
+  });
+  server.listen(port, '127.0.0.1', () => {
+    port = server.address().port;
+    onListening();
+  });
+}
+
+// As a kill would: connections cut without a close packet, sessions forgotten, the port
+// refusing until the new server listens.
+function restart(tag, downMs) {
+  const old = { server, io, sockets };
+  old.server.close();
+  for (const socket of old.sockets) socket.destroy();
+  old.io.close();
+  setTimeout(() => start(() => console.log(`RESTARTED ${tag}`)), downMs);
+}
+
+start(() => console.log(`PORT ${port}`));
 
 const lines = require('readline').createInterface({ input: process.stdin });
 lines.on('line', (line) => {
   const [command, nsp, name, ...rest] = line.split(' ');
   if (command === 'emit') io.of(nsp).emit(name, ...JSON.parse(rest.join(' ') || '[]'));
+  else if (command === 'restart') restart(nsp, Number(name) || 0);
+  else if (command === 'stats') console.log(`STATS ${nsp} ${JSON.stringify(stats)}`);
 });
 function stop() {
   io.close();

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <deque>
 
@@ -87,6 +88,8 @@ protected:
         EXPECT_TRUE(answers.waitFor("ack"));
         return answers.itemsOf("ack");
     }
+
+    void restartFiftyTimes(SocketIOClientConfiguration config);
 
     // Logs outlive the manager, whose handlers write to them until TearDown releases it.
     EventLog& makeLog() { return logs.emplace_back(); }
@@ -348,6 +351,56 @@ TEST_F(SocketIOPeer, FrozenServerTimesOutPingsAndComesBack) {
     ASSERT_TRUE(log.waitFor("connect ", 2));
     EXPECT_EQ(Json(echo(socket, {"back"})), Json::parse(R"(["back"])"));
 }
+
+// The server's own counts ("stats" on its standard input).
+Json serverStats(const PeerProcess& server, const std::string& tag) {
+    server.writeLine("stats " + tag);
+    auto line = server.waitForLine("STATS " + tag + " ");
+    return line ? Json::parse(line->substr(7 + tag.size())) : Json();
+}
+
+// 50 times in quick succession the server drops every connection unannounced and listens
+// again after a few milliseconds. Each restart must give one reconnect, one Engine.IO session
+// on the server, one `connect`, and the ack asked for on that connect.
+void SocketIOPeer::restartFiftyTimes(SocketIOClientConfiguration config) {
+    startServer({{"quiet", true}});
+    config.insert(Option::reconnectWait(0));
+    config.insert(Option::reconnectWaitMax(0));
+    makeManager(config);
+    EventLog& log = makeLog();
+    EventLog& answers = makeLog();
+    onQueue([&] {
+        auto socket = manager->defaultSocket();
+        log.attach(*socket);
+        socket->on(SocketClientEvent::connect, [&, weak = std::weak_ptr<SocketIOClient>(socket)](auto&, auto&) {
+            const auto round = static_cast<int>(log.count("connect "));
+            weak.lock()->emitWithAck("echo", {round}).timingOut(10, [&answers](const std::vector<Json>& data) {
+                answers.add("ack " + printed(data), data);
+            });
+        });
+        socket->connect();
+    });
+    constexpr std::size_t restarts = 50;
+    for (std::size_t round = 1; round <= restarts + 1; ++round) {
+        ASSERT_TRUE(log.waitFor("connect ", round)) << "no connect after restart " << round - 1;
+        ASSERT_TRUE(answers.waitFor("ack ", round)) << "no ack after restart " << round - 1;
+        if (round <= restarts) server->writeLine("restart " + std::to_string(round) + " " + std::to_string(round % 6));
+    }
+    auto stats = serverStats(*server, "end");
+    std::printf("figure restarts %zu reconnectAttempt %zu sessions %d\n", restarts, log.count("reconnectAttempt "),
+                stats["sessions"].get<int>());
+    EXPECT_EQ(stats["sessions"], restarts + 1);
+    EXPECT_EQ(stats["connects"], restarts + 1);
+    EXPECT_EQ(log.count("connect "), restarts + 1);
+    EXPECT_EQ(log.count("reconnect "), restarts);
+    for (std::size_t round = 1; round <= restarts + 1; ++round) {
+        EXPECT_EQ(answers.count("ack [" + std::to_string(round) + "]"), 1u) << round;
+    }
+    EXPECT_EQ(answers.count("ack [\"NO ACK\"]"), 0u);
+}
+
+TEST_F(SocketIOPeer, FiftyQuickRestartsOverWebSocket) { restartFiftyTimes({Option::forceWebsockets(true)}); }
+TEST_F(SocketIOPeer, FiftyQuickRestartsOverPolling) { restartFiftyTimes({Option::forcePolling(true)}); }
 
 }  // namespace
 }  // namespace kelvane::socketio

@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <future>
+
 namespace kelvane::socketio {
 namespace {
 
@@ -24,6 +27,7 @@ public:
         cutOff = client.expired();
     }
     bool setConfigs(const SocketIOClientConfiguration&) override { return true; }
+    bool underWay() const override { return busy; }
     void connect() override { calls.push_back("connect"); }
     void disconnect(std::string reason) override { calls.push_back("disconnect " + reason); }
     void send(std::string text, std::vector<Bytes>, Completion completion) override {
@@ -41,6 +45,7 @@ public:
 
     std::vector<std::string> calls;
     bool cutOff = false;
+    bool busy = false;
 
 private:
     std::shared_ptr<Queue> queue_;
@@ -186,6 +191,81 @@ TEST_F(SocketManagerTest, LoopEndsOnOpenAndRespectsLimits) {
     queue->runUntilIdle();
     EXPECT_EQ(second.lines().back(), R"(disconnect ["Disconnect"])");
     EXPECT_EQ(second.count("reconnect "), 1u);
+}
+
+TEST_F(SocketManagerTest, OneReconnectLoopAtATime) {
+    make({});
+    EventLog log;
+    connected(log);
+    auto& engine = *engines[0];
+    auto connects = [&] { return std::count(engine.calls.begin(), engine.calls.end(), "connect"); };
+    manager->engineDidClose("Socket Disconnected");
+    queue->runUntilIdle();
+    EXPECT_EQ(connects(), 2);
+    // The engine opens: the loop ends, its next round (due at 15 s) with it.
+    queue->advance(5s);
+    manager->engineDidOpen("Connect");
+    manager->parseEngineMessage("0");
+    queue->runUntilIdle();
+    // A drop before that round is due starts one new loop, and the old round does nothing.
+    queue->advance(5s);
+    manager->engineDidClose("Socket Disconnected");
+    queue->runUntilIdle();
+    EXPECT_EQ(log.count("reconnect "), 2u);
+    EXPECT_EQ(log.count("reconnectAttempt "), 2u);
+    queue->advance(5s);
+    EXPECT_EQ(log.count("reconnectAttempt "), 2u);
+    EXPECT_EQ(connects(), 3);
+
+    // A round that finds the engine still connecting waits for it, and counts nothing.
+    engine.busy = true;
+    queue->advance(10s);
+    EXPECT_EQ(log.count("reconnectAttempt "), 2u);
+    EXPECT_EQ(connects(), 3);
+    engine.busy = false;
+    queue->advance(15s);
+    EXPECT_EQ(log.count("reconnectAttempt "), 3u);
+    EXPECT_EQ(log.lines().back(), "reconnectAttempt [-2]");
+    EXPECT_EQ(connects(), 4);
+
+    // disconnect() ends the loop; a connect that then fails starts a new one.
+    manager->disconnect();
+    queue->advance(60s);
+    EXPECT_EQ(log.count("reconnectAttempt "), 3u);
+    EXPECT_FALSE(manager->reconnecting);
+    manager->connect();
+    manager->engineDidClose("Socket Disconnected");
+    queue->runUntilIdle();
+    EXPECT_EQ(log.count("reconnect "), 3u);
+    EXPECT_EQ(log.lines().back(), "reconnectAttempt [-1]");
+}
+
+// Serial queues share one network thread; the manager's synchronous hops onto its engine's
+// queue (a new engine during the loop, a new configuration) must not wait for that thread.
+TEST_F(SocketManagerTest, HopsOntoTheEngineQueueFromASerialHandleQueue) {
+    auto handle = Queue::makeSerial("test.handle");
+    std::vector<std::shared_ptr<FakeEngine>> made;
+    manager = std::make_shared<SocketManager>(*URL::make("http://backend.example/"),
+                                              SocketIOClientConfiguration{Option::handleQueue(handle),
+                                                                          Option::forceNew(true)});
+    manager->engineFactory = [&made](SocketManager&) {
+        made.push_back(std::make_shared<FakeEngine>(Queue::makeSerial("test.engine")));
+        return made.back();
+    };
+    handle->sync([&] { manager->connect(); });
+    // The close's reconnect round makes a new engine, cutting the old one off on its queue.
+    manager->engineDidClose("Socket Disconnected");
+    auto done = std::make_shared<std::promise<std::size_t>>();
+    handle->async([this, done, &made] {
+        manager->setConfig({Option::handleQueue(manager->handleQueue()), Option::forceNew(true)});
+        done->set_value(made.size());
+    });
+    auto engines = done->get_future();
+    ASSERT_EQ(engines.wait_for(10s), std::future_status::ready) << "the hop deadlocked the network thread";
+    EXPECT_EQ(engines.get(), 2u);
+    EXPECT_TRUE(made[0]->cutOff);
+    EXPECT_EQ(made[0]->calls.back(), "disconnect Adding new engine");
+    handle->sync([&] { manager.reset(); });
 }
 
 TEST_F(SocketManagerTest, ReconnectIntervalStaysWithinItsBounds) {
