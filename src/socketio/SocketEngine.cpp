@@ -206,24 +206,27 @@ void SocketEngine::write(std::string text, SocketEnginePacketType type, std::vec
                          Completion completion) {
     engineQueue_->async([self = shared_from_this(), text = std::move(text), type, data = std::move(data),
                          completion = std::move(completion)]() mutable {
-        if (!self->connected_) {
-            if (completion) completion();
-            return;
-        }
-        if (self->probing_) {
-            self->probeWait_.push_back({std::move(text), type, std::move(data), std::move(completion)});
-            return;
-        }
-        if (self->polling_) {
-            socketLog(kLogType,
-                      [&] { return "Writing poll: " + text + " has data: " + (data.empty() ? "false" : "true"); });
-            self->sendPollMessage(text, type, data, std::move(completion));
-        } else {
-            socketLog(kLogType,
-                      [&] { return "Writing ws: " + text + " has data: " + (data.empty() ? "false" : "true"); });
-            self->sendWebSocketMessage(text, type, data, std::move(completion));
-        }
+        self->writeNow(std::move(text), type, std::move(data), std::move(completion));
     });
+}
+
+void SocketEngine::writeNow(std::string text, SocketEnginePacketType type, std::vector<Bytes> data,
+                            Completion completion) {
+    if (!connected_) {
+        if (completion) completion();
+        return;
+    }
+    if (probing_) {
+        probeWait_.push_back({std::move(text), type, std::move(data), std::move(completion)});
+        return;
+    }
+    if (polling_) {
+        socketLog(kLogType, [&] { return "Writing poll: " + text + " has data: " + (data.empty() ? "false" : "true"); });
+        sendPollMessage(text, type, data, std::move(completion));
+    } else {
+        socketLog(kLogType, [&] { return "Writing ws: " + text + " has data: " + (data.empty() ? "false" : "true"); });
+        sendWebSocketMessage(text, type, data, std::move(completion));
+    }
 }
 
 // MARK: Session
@@ -343,7 +346,11 @@ void SocketEngine::websocketDidDisconnect(const std::optional<std::variant<webso
         return;
     }
     if (polling_) {
+        // Only a probe: polling goes on, with what waited for the switch, in order.
+        fastUpgrade_ = false;
+        if (!waitingForPost_) flushWaitingForPost();
         flushProbeWait();
+        doPoll();
         return;
     }
     sessionEnded();
@@ -369,7 +376,9 @@ void SocketEngine::upgradeTransport() {
     if (!wsConnected_) return;
     socketLog(kLogType, [] { return "Upgrading transport to WebSockets"; });
     fastUpgrade_ = true;
-    sendPollMessage("", SocketEnginePacketType::noop, {}, {});
+    // No polling request starts from now on: the noop waits with the rest for the WebSocket.
+    postWait_.push_back({std::string(1, typeDigit(SocketEnginePacketType::noop)), {}});
+    if (!waitingForPoll_ && !waitingForPost_) doFastUpgrade();
 }
 
 void SocketEngine::doFastUpgrade() {
@@ -384,16 +393,19 @@ void SocketEngine::doFastUpgrade() {
     polling_ = false;
     fastUpgrade_ = false;
     probing_ = false;
-    flushProbeWait();
+    // Oldest first: what waited for a POST, then what was written during the probe. Both go
+    // out here and now, before any write queued behind this task.
     if (!postWait_.empty()) flushWaitingForPostToWebSocket();
+    flushProbeWait();
 }
 
 void SocketEngine::flushProbeWait() {
     socketLog(kLogType, [] { return "Flushing probe wait"; });
-    for (auto& waiting : probeWait_) {
-        write(std::move(waiting.msg), waiting.type, std::move(waiting.data), std::move(waiting.completion));
-    }
+    auto waiting = std::move(probeWait_);
     probeWait_.clear();
+    for (auto& each : waiting) {
+        writeNow(std::move(each.msg), each.type, std::move(each.data), std::move(each.completion));
+    }
 }
 
 void SocketEngine::flushWaitingForPostToWebSocket() {
@@ -655,9 +667,12 @@ void SocketEngine::doLongPoll(platform::HTTPRequest request) {
         self->waitingForPoll_ = false;
         // A first answer that opened nothing ends the connect, without a word.
         if (!self->connected_) self->sessionEnded();
+        if (self->closed_) return;
         if (self->fastUpgrade_) {
-            self->doFastUpgrade();
-        } else if (!self->closed_ && self->polling_) {
+            // The switch waits for a POST under way: sent by polling, it must arrive while
+            // the server still polls.
+            if (!self->waitingForPost_) self->doFastUpgrade();
+        } else if (self->polling_) {
             self->doPoll();
         }
     });
@@ -737,7 +752,9 @@ void SocketEngine::flushWaitingForPost() {
             return;
         }
         self->waitingForPost_ = false;
-        if (!self->fastUpgrade_) {
+        if (self->fastUpgrade_) {
+            if (!self->waitingForPoll_) self->doFastUpgrade();
+        } else {
             self->flushWaitingForPost();
             self->doPoll();
         }

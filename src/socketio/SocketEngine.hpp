@@ -113,6 +113,7 @@ private:
     void _connect(std::uint64_t number);
     // Engine queue: the session of the current connect ended, or that connect opened none.
     void sessionEnded();
+    void writeNow(std::string text, SocketEnginePacketType type, std::vector<Bytes> data, Completion completion);
     void _disconnect(const std::string& reason);
     void resetEngine();
     void createURLs();

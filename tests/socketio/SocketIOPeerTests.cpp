@@ -402,5 +402,58 @@ void SocketIOPeer::restartFiftyTimes(SocketIOClientConfiguration config) {
 TEST_F(SocketIOPeer, FiftyQuickRestartsOverWebSocket) { restartFiftyTimes({Option::forceWebsockets(true)}); }
 TEST_F(SocketIOPeer, FiftyQuickRestartsOverPolling) { restartFiftyTimes({Option::forcePolling(true)}); }
 
+// The server holds the POST that carries the first emits until it has answered the probe, so
+// that the POST is under way while the client may switch to the WebSocket. Over 200 sessions,
+// every ack comes back, in the order of the emits.
+TEST_F(SocketIOPeer, UpgradeWithAPostUnderWayLosesNothing) {
+    startServer({{"quiet", true}, {"holdUpgrade", true}});
+    constexpr int runs = 200;
+    constexpr int emits = 4;
+    std::size_t lost = 0;
+    std::size_t upgraded = 0;
+    for (int run = 0; run < runs; ++run) {
+        makeManager({});
+        EventLog& log = makeLog();
+        EventLog& answers = makeLog();
+        onQueue([&] {
+            auto socket = manager->defaultSocket();
+            log.attach(*socket);
+            socket->on(SocketClientEvent::connect, [&, weak = std::weak_ptr<SocketIOClient>(socket)](auto&, auto&) {
+                auto self = weak.lock();
+                for (int i = 0; i < emits; ++i) {
+                    std::vector<SocketItem> items{i};
+                    if (i == 1) items.emplace_back(Json::binary({static_cast<std::uint8_t>(run)}));
+                    self->emitWithAck("echo", items).timingOut(3, [&answers](const std::vector<Json>& data) {
+                        answers.add(data.at(0) == kNoAck ? "lost" : "ack " + data.at(0).dump(), data);
+                    });
+                }
+            });
+            socket->connect();
+        });
+        ASSERT_TRUE(log.waitFor("connect ")) << run;
+        ASSERT_TRUE(answers.waitFor("", emits)) << run;
+        lost += answers.count("lost");
+        // Those that came, in the order of their emits.
+        std::vector<int> order;
+        for (const auto& line : answers.lines()) {
+            if (line.starts_with("ack ")) order.push_back(std::stoi(line.substr(4)));
+        }
+        EXPECT_TRUE(std::adjacent_find(order.begin(), order.end(), std::greater_equal<>()) == order.end()) << run;
+        if (answers.count("ack 1") == 1) {
+            EXPECT_EQ(answers.itemsOf("ack 1").at(1), Json::binary({static_cast<std::uint8_t>(run)})) << run;
+        }
+        upgraded += log.count("websocketUpgrade ");
+        TearDown();
+    }
+    auto stats = serverStats(*server, "end");
+    std::printf("figure upgrade-runs %d lost-acks %zu held-across-upgrade %d\n", runs, lost,
+                stats["heldAcrossUpgrade"].get<int>());
+    EXPECT_EQ(lost, 0u);
+    EXPECT_EQ(upgraded, static_cast<std::size_t>(runs));
+    // The road under test was taken in every run.
+    EXPECT_GE(stats["heldAcrossUpgrade"], runs);
+    EXPECT_EQ(stats["echoes"], runs * emits);
+}
+
 }  // namespace
 }  // namespace kelvane::socketio
