@@ -62,6 +62,11 @@ void setHeader(platform::HTTPRequest& request, const std::string& name, const st
 
 }  // namespace
 
+std::string messageTooBig() {
+    return websocket::describe(websocket::WSError{websocket::ErrorType::protocolError, "message too big",
+                                                  static_cast<std::uint16_t>(websocket::CloseCode::messageTooBig)});
+}
+
 SocketEngine::SocketEngine(std::weak_ptr<SocketEngineClient> client, URL url, const SocketIOClientConfiguration& config)
     : engineQueue_(Queue::makeSerial("com.kelvane.socketio.engine")),
       urlPolling_(makeURL("http://localhost/")),
@@ -109,6 +114,7 @@ bool SocketEngine::setConfigs(const SocketIOClientConfiguration& config) {
         case Kind::enableSOCKSProxy: enableSOCKSProxy_ = *option.get<bool>(); break;
         case Kind::useCustomEngine: useCustomEngine_ = *option.get<bool>(); break;
         case Kind::version: version_ = *option.get<SocketIOVersion>(); break;
+        case Kind::limits: limits_ = *option.get<websocket::Limits>(); break;
         default: break;
         }
     }
@@ -660,6 +666,11 @@ void SocketEngine::doLongPoll(platform::HTTPRequest request) {
             socketError(kPollingLogType,
                         [&] { return error ? error->localizedDescription() : "Error during long poll request"; });
             if (self->polling_) self->didError(error ? error->localizedDescription() : "Error");
+            return;
+        }
+        if (data->size() > self->limits_.maxMessageSize) {
+            self->waitingForPoll_ = false;
+            self->didError(messageTooBig());
             return;
         }
         socketLog(kPollingLogType, [] { return "Got polling response"; });

@@ -3,6 +3,7 @@
 #include "socketio/SocketEngineSpec.hpp"
 #include "socketio/SocketIOClientOption.hpp"
 #include "support/HTTPSession.hpp"
+#include "websocket/Limits.hpp"
 #include "websocket/WebSocket.hpp"
 
 #include <kelvane/Json.hpp>
@@ -20,6 +21,10 @@
 #include <vector>
 
 namespace kelvane::socketio {
+
+// The reason the engine closes with when a server breaks a size limit: the same words as a
+// WebSocket that closed with 1009.
+std::string messageTooBig();
 
 // One Engine.IO session over a WebSocket, long polling, or polling upgraded to a WebSocket.
 // Make it with std::make_shared. All state belongs to engineQueue; the members marked "any
@@ -180,6 +185,8 @@ private:
     bool secure_ = false;
     std::shared_ptr<websocket::CertificatePinning> certPinner_;
     bool selfSigned_ = false;
+    // A polling answer larger than maxMessageSize is a protocol failure.
+    websocket::Limits limits_;
     // Counts the sessions begun, so that answers to an earlier session's requests are dropped.
     std::uint64_t sessionGeneration_ = 0;
     // The connect whose session runs or is being opened (engine queue).

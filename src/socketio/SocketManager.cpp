@@ -70,6 +70,7 @@ void SocketManager::setConfigs(const SocketIOClientConfiguration& config) {
         case Kind::reconnectWaitMax: reconnectWaitMax = std::abs(*option.get<std::int64_t>()); break;
         case Kind::randomizationFactor: randomizationFactor = *option.get<double>(); break;
         case Kind::version: version_ = *option.get<SocketIOVersion>(); break;
+        case Kind::limits: limits_ = *option.get<websocket::Limits>(); break;
         case Kind::log: defaultLogger()->setLog(*option.get<bool>()); break;
         case Kind::logger:
             if (auto logger = *option.get<std::shared_ptr<SocketLogger>>()) setDefaultLogger(logger);
@@ -253,7 +254,7 @@ void SocketManager::engineDidWebsocketUpgrade(websocket::Headers headers) {
 }
 
 void SocketManager::_engineDidClose(const std::string& reason) {
-    waitingPackets.clear();
+    forgetWaitingPackets();
     if (status_ != SocketIOStatus::disconnected) setStatus(SocketIOStatus::notConnected);
     if (status_ == SocketIOStatus::disconnected || !reconnects) {
         didDisconnect(reason);
@@ -301,6 +302,8 @@ void SocketManager::_parseEngineMessage(const std::string& message) {
     if (!packet) return;
     if (isBinary(packet->type())) {
         waitingPackets.push_back(std::move(*packet));
+        waitingCosts_.push_back(message.size());
+        holdWaiting(message.size());
         return;
     }
     if (auto found = nsps.find(packet->nsp()); found != nsps.end()) {
@@ -310,12 +313,39 @@ void SocketManager::_parseEngineMessage(const std::string& message) {
 }
 
 void SocketManager::_parseEngineBinaryData(Bytes data) {
+    const bool awaited = !waitingPackets.empty();
+    if (awaited) {
+        // An empty attachment still costs its place.
+        waitingCosts_.back() += data.size() + 1;
+        if (!holdWaiting(data.size() + 1)) return;
+    }
     auto packet = parseBinaryData(std::move(data));
+    if (awaited && packet) {
+        waitingBytes_ -= waitingCosts_.back();
+        waitingCosts_.pop_back();
+    }
     if (!packet) return;
     if (auto found = nsps.find(packet->nsp()); found != nsps.end()) {
         auto client = found->second;
         client->handlePacket(*packet);
     }
+}
+
+bool SocketManager::holdWaiting(std::size_t bytes) {
+    waitingBytes_ += bytes;
+    if (waitingBytes_ <= limits_.maxMessageSize) return true;
+    socketError(kLogType, [] { return "Binary packets waiting for attachments passed the message size limit"; });
+    forgetWaitingPackets();
+    if (auto engine = engine_) {
+        engine->engineQueue()->async([engine] { engine->didError(messageTooBig()); });
+    }
+    return false;
+}
+
+void SocketManager::forgetWaitingPackets() {
+    waitingPackets.clear();
+    waitingCosts_.clear();
+    waitingBytes_ = 0;
 }
 
 void SocketManager::tryReconnect(const std::string& reason) {

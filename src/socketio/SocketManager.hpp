@@ -23,6 +23,11 @@ namespace kelvane::socketio {
 // and the binary packets waiting for attachments. Make it with std::make_shared. Everything
 // belongs to handleQueue (the main queue unless an option says otherwise): call it from there.
 // Engine reports may come from any queue; they hop to handleQueue.
+//
+// The binary packets waiting for their attachments (waitingPackets) hold together at most the
+// `limits` option's maxMessageSize: their texts, plus each attachment so far (an empty one
+// counted as one byte). A server that makes them hold more broke the protocol: they are
+// forgotten and the engine closes as for any protocol failure ("message too big", 1009).
 class SocketManager final : public SocketManagerSpec,
                             public SocketEngineClient,
                             public SocketParsable,
@@ -119,6 +124,10 @@ private:
     void onHandleQueue(Work work);
     void endReconnectLoop();
     void scheduleReconnect(double seconds);
+    // Counts bytes into what the waiting binary packets hold; false (and the engine closing
+    // as for a protocol failure) once that passes the limit.
+    bool holdWaiting(std::size_t bytes);
+    void forgetWaitingPackets();
 
     URL socketURL_;
     std::shared_ptr<SocketEngineSpec> engine_;
@@ -128,6 +137,11 @@ private:
     SocketIOClientConfiguration config_;
     // Which loop a scheduled round belongs to.
     std::uint64_t reconnectLoop_ = 0;
+    websocket::Limits limits_;
+    // What each waiting binary packet holds (its text, and each attachment so far plus one),
+    // and their sum.
+    std::vector<std::size_t> waitingCosts_;
+    std::size_t waitingBytes_ = 0;
 };
 
 }  // namespace kelvane::socketio

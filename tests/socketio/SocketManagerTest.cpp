@@ -37,7 +37,7 @@ public:
     void write(std::string text, SocketEnginePacketType, std::vector<Bytes>, Completion) override {
         calls.push_back("write " + text);
     }
-    void didError(std::string) override {}
+    void didError(std::string reason) override { errors.push_back(std::move(reason)); }
     void doFastUpgrade() override {}
     void flushWaitingForPostToWebSocket() override {}
     void parseEngineData(Bytes) override {}
@@ -46,6 +46,7 @@ public:
     std::vector<std::string> calls;
     bool cutOff = false;
     bool busy = false;
+    std::vector<std::string> errors;
 
 private:
     std::shared_ptr<Queue> queue_;
@@ -266,6 +267,33 @@ TEST_F(SocketManagerTest, HopsOntoTheEngineQueueFromASerialHandleQueue) {
     EXPECT_TRUE(made[0]->cutOff);
     EXPECT_EQ(made[0]->calls.back(), "disconnect Adding new engine");
     handle->sync([&] { manager.reset(); });
+}
+
+TEST_F(SocketManagerTest, WaitingBinaryPacketsHoldNoMoreThanAMessage) {
+    websocket::Limits limits;
+    limits.maxMessageSize = 100;
+    make({Option::limits(limits)});
+    EventLog log;
+    connected(log);
+    // Attachments that complete their packet are given back, and hold nothing after.
+    for (int i = 0; i < 10; ++i) {
+        manager->parseEngineMessage(R"(51-["file",{"_placeholder":true,"num":0}])");
+        manager->parseEngineBinaryData(Bytes(40, 1));
+    }
+    queue->runUntilIdle();
+    EXPECT_EQ(log.count("file "), 10u);
+    EXPECT_TRUE(engines[0]->errors.empty());
+    // Packets that wait together for more than a message: the engine closes as for a protocol
+    // failure, and what waited is forgotten.
+    manager->parseEngineMessage(R"(52-["file",{"_placeholder":true,"num":0},{"_placeholder":true,"num":1}])");
+    manager->parseEngineBinaryData(Bytes(20, 1));
+    manager->parseEngineMessage(R"(51-["more",{"_placeholder":true,"num":0}])");
+    queue->runUntilIdle();
+    EXPECT_EQ(engines[0]->errors, (std::vector<std::string>{"message too big. code=1009, type=protocolError"}));
+    EXPECT_TRUE(manager->waitingPackets.empty());
+    manager->parseEngineBinaryData(Bytes(1, 1));
+    queue->runUntilIdle();
+    EXPECT_EQ(log.count("file "), 10u);
 }
 
 TEST_F(SocketManagerTest, ReconnectIntervalStaysWithinItsBounds) {
