@@ -27,16 +27,21 @@ platform::HTTPRequest makeRequest(URL url) {
     return request;
 }
 
-// Only the unreserved characters survive: the query's own delimiters and everything the query
-// does not allow are encoded.
+// Encodes the characters that delimit or quote parts of a URL: !*'();:@&=+$,/?%#[]" {}^|.
+// Past those, only what no URL can carry is encoded, as the URL itself would: other ASCII
+// controls and punctuation a query never holds (<>\`), and every byte beyond ASCII.
 std::string urlEncode(std::string_view text) {
     static constexpr char hex[] = "0123456789ABCDEF";
+    static constexpr std::string_view delimiters = "!*'();:@&=+$,/?%#[]\" {}^|";
+    static constexpr std::string_view neverInAURL = "<>\\`";
     std::string out;
     out.reserve(text.size());
     for (unsigned char c : text) {
-        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
-            c == '_' || c == '~') {
-            out += static_cast<char>(c);
+        const char ch = static_cast<char>(c);
+        const bool kept = c > 0x20 && c < 0x7F && delimiters.find(ch) == std::string_view::npos &&
+                          neverInAURL.find(ch) == std::string_view::npos;
+        if (kept) {
+            out += ch;
         } else {
             out += '%';
             out += hex[c >> 4];
