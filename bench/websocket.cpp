@@ -31,7 +31,7 @@ struct Counter : FramerEventClient, FrameCollector::Delegate {
         ++messages;
         benchmark::DoNotOptimize(event.data.data());
     }
-    std::optional<Bytes> decompress(ByteView, bool) override { return std::nullopt; }
+    std::optional<Bytes> decompress(ByteView, bool, std::size_t) override { return std::nullopt; }
 };
 
 struct Reader {

@@ -1,7 +1,8 @@
 // Frames off the wire into messages. The first byte sets compression (bit 0), the server
 // side (bit 1) and the size of the reads (the rest); the bytes after it are the stream.
 // Whole and in reads, the same stream must give the same events up to the framer's first
-// failure.
+// failure. The limits are small enough for short inputs to cross them: no frame, message or
+// inflated piece may come out larger than they allow.
 #include <kelvane/Log.hpp>
 
 #include "websocket/Compression.hpp"
@@ -32,6 +33,13 @@ struct Recorded {
     bool operator==(const Recorded&) const = default;
 };
 
+const Limits kLimits = [] {
+    Limits limits;
+    limits.maxFrameSize = 1024;
+    limits.maxMessageSize = 4096;
+    return limits;
+}();
+
 struct Pipeline : FramerEventClient, FrameCollector::Delegate {
     std::shared_ptr<WSFramer> framer;
     FrameCollector collector;
@@ -44,7 +52,9 @@ struct Pipeline : FramerEventClient, FrameCollector::Delegate {
         pipeline->framer = std::make_shared<WSFramer>(isServer);
         pipeline->framer->registerDelegate(pipeline);
         pipeline->framer->updateCompression(compressed);
+        pipeline->framer->setLimits(kLimits);
         pipeline->collector.setDelegate(pipeline);
+        pipeline->collector.setLimits(kLimits);
         if (compressed) pipeline->compression.load({{"Sec-WebSocket-Extensions", "permessage-deflate; server_max_window_bits=15"}});
         return pipeline;
     }
@@ -56,12 +66,19 @@ struct Pipeline : FramerEventClient, FrameCollector::Delegate {
             return;
         }
         check(event.frame.payload.size() == event.frame.payloadLength);
+        check(event.frame.payload.size() <= kLimits.maxFrameSize);
         collector.add(std::move(event.frame));
     }
     void didForm(FrameCollector::Event event) override {
+        check(event.text.size() <= kLimits.maxMessageSize && event.data.size() <= kLimits.maxMessageSize);
         events.push_back(Recorded{false, event.kind, event.text, event.data, event.error, event.code});
     }
-    std::optional<Bytes> decompress(ByteView data, bool isFinal) override { return compression.decompress(data, isFinal); }
+    std::optional<Bytes> decompress(ByteView data, bool isFinal, std::size_t limit) override {
+        check(limit <= kLimits.maxMessageSize);
+        auto inflated = compression.decompress(data, isFinal, limit);
+        check(!inflated || inflated->size() <= limit + 1);
+        return inflated;
+    }
 };
 
 }  // namespace

@@ -2,7 +2,9 @@
 
 #include "websocket/Text.hpp"
 
+#include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <string_view>
 
 namespace kelvane::websocket {
@@ -25,10 +27,28 @@ bool initDeflate(z_stream& strm, int windowBits) {
     return deflateInit2_(&strm, -1, 8, -windowBits, 8, 0, ZLIB_VERSION, static_cast<int>(sizeof(z_stream))) == Z_OK;
 }
 
+// Appends at most one byte past `limit` (out.size() <= limit on entry); returns false once
+// `out` has gone past it. Past half the limit the buffer grows straight to limit + 1, so
+// that a message stopped at the limit costs at most one and a half times the limit while
+// it grows, not a doubling beyond it.
+bool appendWithin(Bytes& out, const Bytef* bytes, std::size_t count, std::size_t limit) {
+    const std::size_t room = limit - out.size();
+    const std::size_t kept = count > room ? room + 1 : count;
+    if (out.size() + kept > out.capacity() && limit < SIZE_MAX) {
+        std::size_t grown = std::max(out.capacity() * 2, out.size() + kept);
+        if (grown > limit / 2) grown = limit + 1;
+        out.reserve(grown);
+    }
+    out.insert(out.end(), bytes, bytes + kept);
+    return kept == count && out.size() <= limit;
+}
+
 // Runs zlib over `data` through the fixed buffer until it stops filling it. Accepts a call
-// that ended with room left, or one that had nothing at all to do.
+// that ended with room left, or one that had nothing at all to do. Stops early, accepted,
+// once `out` holds more than `limit` bytes.
 template <class Step>
-bool drain(z_stream& strm, ByteView data, Bytef* buffer, std::size_t capacity, Bytes& out, Step step) {
+bool drain(z_stream& strm, ByteView data, Bytef* buffer, std::size_t capacity, Bytes& out, std::size_t limit,
+           Step step) {
     strm.next_in = const_cast<Bytef*>(data.data());
     strm.avail_in = static_cast<uInt>(data.size());
     int result;
@@ -36,7 +56,7 @@ bool drain(z_stream& strm, ByteView data, Bytef* buffer, std::size_t capacity, B
         strm.next_out = buffer;
         strm.avail_out = static_cast<uInt>(capacity);
         result = step(&strm);
-        out.insert(out.end(), buffer, buffer + (capacity - strm.avail_out));
+        if (!appendWithin(out, buffer, capacity - strm.avail_out, limit)) return true;
     } while (result == Z_OK && strm.avail_out == 0);
     return (result == Z_OK && strm.avail_out > 0) || (result == Z_BUF_ERROR && strm.avail_out == capacity);
 }
@@ -65,18 +85,19 @@ Decompressor::~Decompressor() {
     if (inflateInitialized_) inflateEnd(&strm_);
 }
 
-std::optional<WSError> Decompressor::inflateInto(ByteView data, Bytes& out) {
+std::optional<WSError> Decompressor::inflateInto(ByteView data, Bytes& out, std::size_t limit) {
     if (!inflateInitialized_) return compressionError("Error on decompressing");
-    bool ok = drain(strm_, data, buffer_.data(), buffer_.size(), out, [](z_stream* s) { return inflate(s, Z_NO_FLUSH); });
+    bool ok = drain(strm_, data, buffer_.data(), buffer_.size(), out, limit,
+                    [](z_stream* s) { return inflate(s, Z_NO_FLUSH); });
     if (!ok) return compressionError("Error on decompressing");
     return std::nullopt;
 }
 
-CompressionResult Decompressor::decompress(ByteView data, bool finish) {
+CompressionResult Decompressor::decompress(ByteView data, bool finish, std::size_t limit) {
     Bytes out;
-    if (auto error = inflateInto(data, out)) return *error;
-    if (finish) {
-        if (auto error = inflateInto(ByteView(kTail, sizeof(kTail)), out)) return *error;
+    if (auto error = inflateInto(data, out, limit)) return *error;
+    if (finish && out.size() <= limit) {
+        if (auto error = inflateInto(ByteView(kTail, sizeof(kTail)), out, limit)) return *error;
     }
     return out;
 }
@@ -99,7 +120,8 @@ Compressor::~Compressor() {
 CompressionResult Compressor::compress(ByteView data) {
     if (!deflateInitialized_) return compressionError("Error on compressing");
     Bytes out;
-    bool ok = drain(strm_, data, buffer_.data(), buffer_.size(), out, [](z_stream* s) { return deflate(s, Z_SYNC_FLUSH); });
+    bool ok = drain(strm_, data, buffer_.data(), buffer_.size(), out, SIZE_MAX,
+                    [](z_stream* s) { return deflate(s, Z_SYNC_FLUSH); });
     if (!ok) return compressionError("Error on compressing");
     if (out.empty()) {
         // zlib flushes nothing twice in a row, so an empty message after another yields no
@@ -143,20 +165,23 @@ void WSCompression::load(const Headers& headers) {
 }
 
 // With no context takeover the stream starts afresh after every call, fragments included.
-std::optional<Bytes> WSCompression::decompress(ByteView data, bool isFinal) {
+// A call cut short at the limit did not succeed: the connection ends over it anyway.
+std::optional<Bytes> WSCompression::decompress(ByteView data, bool isFinal, std::size_t limit) {
     if (!decompressor_) return std::nullopt;
-    auto result = decompressor_->decompress(data, isFinal);
-    if (decompressorTakeOver_) (void)decompressor_->reset();
-    if (auto* bytes = std::get_if<Bytes>(&result)) return std::move(*bytes);
-    return std::nullopt;
+    auto result = decompressor_->decompress(data, isFinal, limit);
+    auto* bytes = std::get_if<Bytes>(&result);
+    if (!bytes) return std::nullopt;
+    if (decompressorTakeOver_ && bytes->size() <= limit && decompressor_->reset()) return std::nullopt;
+    return std::move(*bytes);
 }
 
 std::optional<Bytes> WSCompression::compress(ByteView data) {
     if (!compressor_) return std::nullopt;
     auto result = compressor_->compress(data);
-    if (compressorTakeOver_) (void)compressor_->reset();
-    if (auto* bytes = std::get_if<Bytes>(&result)) return std::move(*bytes);
-    return std::nullopt;
+    auto* bytes = std::get_if<Bytes>(&result);
+    if (!bytes) return std::nullopt;
+    if (compressorTakeOver_ && compressor_->reset()) return std::nullopt;
+    return std::move(*bytes);
 }
 
 }  // namespace kelvane::websocket

@@ -5,6 +5,7 @@
 #include <kelvane/Bytes.hpp>
 
 #include <array>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <variant>
@@ -28,12 +29,14 @@ public:
     bool initialized() const { return inflateInitialized_; }
     int windowBits() const { return windowBits_; }
     // Inflates `data`; with `finish`, inflates the 00 00 FF FF tail into the same output.
-    CompressionResult decompress(ByteView data, bool finish);
+    // Stops once the output passes `limit`, cut to limit + 1 bytes: the stream is then left
+    // mid-message, and only a reset makes it usable again.
+    CompressionResult decompress(ByteView data, bool finish, std::size_t limit = SIZE_MAX);
     // Starts a fresh stream; "Error for decompressor on reset" when zlib refuses.
     std::optional<WSError> reset();
 
 private:
-    std::optional<WSError> inflateInto(ByteView data, Bytes& out);
+    std::optional<WSError> inflateInto(ByteView data, Bytes& out, std::size_t limit);
     z_stream strm_{};
     std::array<Bytef, 8192> buffer_{};
     bool inflateInitialized_ = false;
@@ -65,19 +68,22 @@ public:
     virtual ~CompressionHandler() = default;
     // On the transport's queue, once the upgrade has been accepted.
     virtual void load(const Headers& headers) = 0;
-    // On the framer's queue. Nothing means: use the payload as it stands.
-    virtual std::optional<Bytes> decompress(ByteView data, bool isFinal) = 0;
+    // On the framer's queue. Nothing means: use the payload as it stands. Inflates no further
+    // than one byte past `limit`; a longer result means the message is over its limit.
+    virtual std::optional<Bytes> decompress(ByteView data, bool isFinal, std::size_t limit) = 0;
     // On the write queue. Nothing means: send the payload uncompressed.
     virtual std::optional<Bytes> compress(ByteView data) = 0;
 };
 
 // permessage-deflate: reads the server's agreement and owns the connection's two streams.
+// Without context takeover a stream is reset after each call that succeeded; a failed call
+// leaves it where it stopped, and a failed reset counts as a failed call.
 class WSCompression final : public CompressionHandler {
 public:
     static constexpr const char* headerWSExtensionName = "Sec-WebSocket-Extensions";
 
     void load(const Headers& headers) override;
-    std::optional<Bytes> decompress(ByteView data, bool isFinal) override;
+    std::optional<Bytes> decompress(ByteView data, bool isFinal, std::size_t limit = SIZE_MAX) override;
     std::optional<Bytes> compress(ByteView data) override;
 
     // What load() agreed (for tests).

@@ -3,6 +3,7 @@
 #include "websocket/Compression.hpp"
 #include "websocket/Framer.hpp"
 #include "websocket/HTTPHandler.hpp"
+#include "websocket/Limits.hpp"
 #include "websocket/Request.hpp"
 #include "websocket/Security.hpp"
 #include "websocket/Transport.hpp"
@@ -81,18 +82,25 @@ public:
              std::shared_ptr<HTTPHandler> httpHandler = nullptr, std::shared_ptr<HeaderValidator> headerChecker = nullptr);
 
     void registerDelegate(std::weak_ptr<EngineDelegate> delegate) override;
-    // A second start while connecting or open does nothing.
+    // A second start while connecting or open does nothing. A request with a line break in a
+    // header field is refused with an `error` naming the field, and nothing is connected.
     void start(Request request) override;
     // Sends a close frame with the code; once it is written, resets and cuts the transport.
     void stop(std::uint16_t closeCode = static_cast<std::uint16_t>(CloseCode::normal)) override;
     void forceStop() override;
     // Dropped, completion and all, unless the upgrade has finished. Frames leave whole, in call
     // order; the completion runs once the transport has taken them, whatever the outcome.
+    // With deflate agreed, data frames are compressed; close, ping and pong never are.
     void write(Bytes data, FrameOpCode opcode, WriteCompletion completion = {}) override;
     void write(const std::string& string, WriteCompletion completion = {}) override;
 
     bool respondToPingWithPong() const { return respondToPingWithPong_; }
     void setRespondToPingWithPong(bool respond) { respondToPingWithPong_ = respond; }
+
+    // Before start(). What crosses a limit ends the connection with 1009 and an `error` event
+    // carrying a protocolError WSError of code 1009; before the upgrade, the transport is cut.
+    void setLimits(const Limits& limits);
+    const Limits& limits() const { return limits_; }
 
     // The engine's guarded flags, for tests and callers that must look.
     struct Flags {
@@ -110,7 +118,7 @@ public:
     void didReceiveHTTP(const HTTPEvent& event) override;
     // Framer's queue.
     void frameProcessed(FrameEvent event) override;
-    std::optional<Bytes> decompress(ByteView data, bool isFinal) override;
+    std::optional<Bytes> decompress(ByteView data, bool isFinal, std::size_t limit) override;
     void didForm(FrameCollector::Event event) override;
 
 private:
@@ -126,6 +134,7 @@ private:
     std::shared_ptr<HeaderValidator> headerChecker_;
     std::optional<Request> request_;
     std::shared_ptr<FrameCollector> frameHandler_ = std::make_shared<FrameCollector>();
+    Limits limits_;
     std::string secKeyValue_;
     std::shared_ptr<Queue> writeQueue_ = Queue::makeSerial("websocket.write");
     mutable std::mutex mutex_;

@@ -5,10 +5,10 @@
 namespace kelvane::websocket {
 namespace {
 
-FrameCollector::Event protocolError(std::string message) {
+FrameCollector::Event protocolError(std::string message, std::uint16_t code = 1002) {
     FrameCollector::Event event;
     event.kind = FrameCollector::Event::Kind::error;
-    event.error = WSError{ErrorType::protocolError, std::move(message), 1002};
+    event.error = WSError{ErrorType::protocolError, std::move(message), code};
     return event;
 }
 
@@ -43,6 +43,13 @@ void FrameCollector::add(Frame frame) {
         deliver(std::move(event));
         return;
     }
+    if (skipping_) {
+        skipping_ = false;
+        if (frame.opcode == FrameOpCode::continueFrame) {
+            skipping_ = !frame.isFin;
+            return;
+        }
+    }
     if (frame.opcode == FrameOpCode::continueFrame && frameCount_ == 0) {
         deliver(protocolError("first frame can't be a continue frame"));
         reset();
@@ -58,12 +65,20 @@ void FrameCollector::add(Frame frame) {
         needsDecompression_ = frame.needsDecompression;
     }
 
+    // What this frame may still add; the buffer never holds more than the limit.
+    const std::size_t room = limits_.maxMessageSize - std::min(buffer_.size(), limits_.maxMessageSize);
     Bytes payload;
     if (needsDecompression_ && delegate) {
-        auto inflated = delegate->decompress(frame.payload, frame.isFin);
+        auto inflated = delegate->decompress(frame.payload, frame.isFin, room);
         payload = inflated ? std::move(*inflated) : std::move(frame.payload);
     } else {
         payload = std::move(frame.payload);
+    }
+    if (payload.size() > room) {
+        reset();
+        skipping_ = !frame.isFin;
+        deliver(protocolError("message too big", 1009));
+        return;
     }
 
     // A message of one frame skips the buffer.

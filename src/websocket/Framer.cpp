@@ -12,9 +12,6 @@ namespace {
 
 // Enough for any header: 2 + 8 length bytes + 4 mask bytes.
 constexpr std::size_t kMaxHeader = 14;
-// How far ahead of the bytes that have arrived a payload buffer is reserved: an announced
-// length is the peer's word, not memory we owe it.
-constexpr std::uint64_t kReserveAhead = 16u << 20;
 
 std::uint64_t readBigEndian(const std::uint8_t* bytes, std::size_t count) {
     std::uint64_t value = 0;
@@ -110,8 +107,8 @@ void WSFramer::add(Bytes data) {
 }
 
 std::size_t WSFramer::bufferedBytes() const {
-    std::size_t pending = pending_.active ? pending_.headerLength + pending_.frame.payload.size() : 0;
-    return buffer_.size() + pending;
+    if (!pending_.active || pending_.discard) return buffer_.size();
+    return buffer_.size() + pending_.headerLength + pending_.frame.payload.size();
 }
 
 void WSFramer::deliver(FrameEvent event) {
@@ -191,6 +188,21 @@ WSFramer::Cut WSFramer::readHeader(ByteView bytes, Header& header, std::string& 
 }
 
 std::size_t WSFramer::takePayload(const Header& header, ByteView rest) {
+    if (header.dataLength > limits_.maxFrameSize) {
+        FrameEvent event;
+        event.isError = true;
+        event.error = WSError{ErrorType::protocolError, "frame too big", 1009};
+        deliver(std::move(event));
+        // Counted off as it comes, so that what follows it is still read as frames.
+        auto count = static_cast<std::size_t>(std::min<std::uint64_t>(header.dataLength, rest.size()));
+        pending_ = Pending{};
+        if (header.dataLength > count) {
+            pending_.active = true;
+            pending_.discard = true;
+            pending_.remaining = header.dataLength - count;
+        }
+        return count;
+    }
     const std::uint8_t* key = isServer_ ? header.mask : nullptr;
     Frame frame;
     frame.isFin = header.isFin;
@@ -208,7 +220,6 @@ std::size_t WSFramer::takePayload(const Header& header, ByteView rest) {
         deliver(std::move(event));
         return length;
     }
-    frame.payload.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(header.dataLength, rest.size() + kReserveAhead)));
     appendPayload(frame.payload, rest.data(), rest.size(), key);
     pending_.active = true;
     pending_.frame = std::move(frame);
@@ -220,8 +231,12 @@ std::size_t WSFramer::takePayload(const Header& header, ByteView rest) {
 
 ByteView WSFramer::feedPending(ByteView data) {
     auto count = static_cast<std::size_t>(std::min<std::uint64_t>(pending_.remaining, data.size()));
-    appendPayload(pending_.frame.payload, data.data(), count, isServer_ ? pending_.mask : nullptr);
     pending_.remaining -= count;
+    if (pending_.discard) {
+        if (pending_.remaining == 0) pending_ = Pending{};
+        return data.subspan(count);
+    }
+    appendPayload(pending_.frame.payload, data.data(), count, isServer_ ? pending_.mask : nullptr);
     if (pending_.remaining == 0) {
         FrameEvent event;
         event.frame = std::move(pending_.frame);

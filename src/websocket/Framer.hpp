@@ -1,5 +1,6 @@
 #pragma once
 
+#include "websocket/Limits.hpp"
 #include "websocket/WSError.hpp"
 
 #include <kelvane/Bytes.hpp>
@@ -59,6 +60,9 @@ public:
     // Set once, before the connection starts.
     virtual void updateCompression(bool supports) = 0;
     virtual bool supportsCompression() const = 0;
+    // Set before the connection starts. A frame announcing more than maxFrameSize fails with
+    // 1009 ("frame too big"); its payload is then skipped as it arrives, never kept.
+    virtual void setLimits(const Limits& limits) = 0;
 };
 
 // Cuts RFC 6455 frames out of a byte stream and builds outgoing ones. The buffer keeps only
@@ -76,6 +80,7 @@ public:
     Bytes createWriteFrame(FrameOpCode opcode, ByteView payload, bool isCompressed) override;
     void updateCompression(bool supports) override { compressionEnabled_ = supports; }
     bool supportsCompression() const override { return compressionEnabled_; }
+    void setLimits(const Limits& limits) override { limits_ = limits; }
 
     const std::shared_ptr<Queue>& queue() const { return queue_; }
     // Bytes waiting for the rest of their frame (for tests).
@@ -84,9 +89,11 @@ public:
 private:
     struct Header;
     // A frame whose header has been read and whose payload is still arriving: the bytes of
-    // each read go straight into its payload, so a long frame is copied once.
+    // each read go straight into its payload, which grows with what has come, never with
+    // what the header announced. A refused frame is only counted off.
     struct Pending {
         bool active = false;
+        bool discard = false;
         Frame frame;
         std::uint64_t remaining = 0;
         std::size_t headerLength = 0;
@@ -95,8 +102,8 @@ private:
 
     enum class Cut { needsMoreData, failed, header };
     Cut readHeader(ByteView bytes, Header& header, std::string& failure) const;
-    // Takes the payload of a frame whose header was read from what follows it; returns the
-    // bytes used.
+    // Takes the payload of a frame whose header was read from what follows it, or refuses a
+    // frame over the limit; returns the bytes used.
     std::size_t takePayload(const Header& header, ByteView rest);
     ByteView feedPending(ByteView data);
     void deliver(FrameEvent event);
@@ -106,11 +113,14 @@ private:
     std::weak_ptr<FramerEventClient> delegate_;
     Bytes buffer_;  // the start of a header that has not fully arrived (under 14 bytes)
     Pending pending_;
+    Limits limits_;
     bool compressionEnabled_ = false;
     bool isServer_;
 };
 
 // Joins fragments into messages; answers control frames at once. One queue (the framer's).
+// A message that would pass maxMessageSize, joined and inflated, fails with 1009 ("message
+// too big") before more than the limit is held; the rest of its fragments are dropped.
 class FrameCollector {
 public:
     struct Event {
@@ -126,20 +136,25 @@ public:
     public:
         virtual ~Delegate() = default;
         virtual void didForm(Event event) = 0;
-        // Inflated bytes, or nothing to take the payload as it stands.
-        virtual std::optional<Bytes> decompress(ByteView data, bool isFinal) = 0;
+        // Inflated bytes, or nothing to take the payload as it stands. Inflates no further
+        // than one byte past `limit`: a longer result means the message is over its limit.
+        virtual std::optional<Bytes> decompress(ByteView data, bool isFinal, std::size_t limit) = 0;
     };
 
     void setDelegate(std::weak_ptr<Delegate> delegate) { delegate_ = std::move(delegate); }
+    // Before the first frame.
+    void setLimits(const Limits& limits) { limits_ = limits; }
     void add(Frame frame);
     void reset();
 
 private:
     std::weak_ptr<Delegate> delegate_;
+    Limits limits_;
     Bytes buffer_;
     int frameCount_ = 0;
     bool isText_ = false;
     bool needsDecompression_ = false;
+    bool skipping_ = false;  // the fragments left of a message refused as too big
 };
 
 }  // namespace kelvane::websocket

@@ -46,7 +46,7 @@ std::string percentEncodedPath(const URL& url) {
 }
 
 Bytes requestBytes(const Request& request) {
-    if (!request.url) return {};
+    if (!request.url || request.fieldWithLineBreak()) return {};
     std::string target = percentEncodedPath(*request.url);
     if (target.empty()) target = "/";
     if (auto query = request.url->query()) target += "?" + *query;
@@ -91,8 +91,17 @@ std::int64_t findEndOfHTTP(ByteView data) {
 Bytes BufferingHTTPHandler::convert(const Request& request) { return requestBytes(request); }
 
 std::int64_t BufferingHTTPHandler::parse(ByteView data) {
+    if (refused_) return -1;
     auto offset = findEndOfHTTP(data);
     auto taken = offset > 0 ? data.first(static_cast<std::size_t>(offset)) : data;
+    if (taken.size() > limits_.maxUpgradeResponseSize - std::min(buffer_.size(), limits_.maxUpgradeResponseSize)) {
+        refused_ = true;
+        buffer_ = Bytes();
+        HTTPEvent event;
+        event.tooBig = WSError{ErrorType::protocolError, "upgrade response too big", 1009};
+        deliver(event);
+        return -1;
+    }
     buffer_.insert(buffer_.end(), taken.begin(), taken.end());
     if (parseContent(ByteView(buffer_))) buffer_.clear();
     return offset;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "websocket/Limits.hpp"
 #include "websocket/Request.hpp"
 #include "websocket/WSError.hpp"
 
@@ -7,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <variant>
 
 namespace kelvane::websocket {
@@ -16,6 +18,9 @@ struct HTTPEvent {
     bool success = false;
     Headers headers;         // success
     HTTPUpgradeError error;  // failure
+    // failure: the response grew past maxUpgradeResponseSize ("upgrade response too big",
+    // 1009); `error` is then left as it is.
+    std::optional<WSError> tooBig;
 };
 
 class HTTPHandlerDelegate {
@@ -35,6 +40,9 @@ public:
     // Takes one read of the response. Returns the offset just past the blank line that ends
     // the header when this read holds it, else -1. Bytes behind the offset are frames.
     virtual std::int64_t parse(ByteView data) = 0;
+    // Before the first parse. A response that outgrows maxUpgradeResponseSize before it is
+    // understood is refused once, and every byte after is ignored.
+    virtual void setLimits(const Limits& limits) = 0;
 };
 
 // The index just past the first CR LF CR LF in this read alone, or -1. After a mismatch the
@@ -48,6 +56,7 @@ public:
     void registerDelegate(std::weak_ptr<HTTPHandlerDelegate> delegate) override { delegate_ = std::move(delegate); }
     Bytes convert(const Request& request) override;
     std::int64_t parse(ByteView data) final;
+    void setLimits(const Limits& limits) override { limits_ = limits; }
 
 protected:
     // True when the buffer is done with (an event was delivered); false to wait for more.
@@ -56,7 +65,9 @@ protected:
 
 private:
     std::weak_ptr<HTTPHandlerDelegate> delegate_;
+    Limits limits_;
     Bytes buffer_;
+    bool refused_ = false;
 };
 
 // Keeps field names as the server spelled them.

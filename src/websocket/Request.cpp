@@ -21,4 +21,13 @@ void Request::setValue(std::string value, std::string_view name) {
     headers.emplace_back(std::string(name), std::move(value));
 }
 
+std::optional<std::string> Request::fieldWithLineBreak() const {
+    for (const auto& [field, value] : headers) {
+        if (field.find_first_of("\r\n") != std::string::npos || value.find_first_of("\r\n") != std::string::npos) {
+            return field;
+        }
+    }
+    return std::nullopt;
+}
+
 }  // namespace kelvane::websocket

@@ -27,6 +27,9 @@ struct Request {
     std::optional<std::string> value(std::string_view name) const;
     // Replaces the value of a field of that name, or adds the field at the end.
     void setValue(std::string value, std::string_view name);
+    // The name of the first field whose name or value holds a CR or LF: written out, it would
+    // end its line early and smuggle lines of its own into the request.
+    std::optional<std::string> fieldWithLineBreak() const;
 };
 
 }  // namespace kelvane::websocket

@@ -87,6 +87,7 @@ struct TCPTransport::Connection {
     std::deque<std::pair<Bytes, WriteCompletion>> writes;
     bool writing = false;
     Phase phase = Phase::connecting;
+    std::optional<Failure> endedWith;  // what the writes still queued end with
 };
 
 struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
@@ -98,6 +99,7 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
     std::atomic<bool> isRunning{false};
     std::atomic<bool> isTLS{false};
     std::shared_ptr<Connection> connection;  // strand only
+    std::optional<Failure> failure;          // strand only: the last connection failed, and how
 
     std::shared_ptr<TransportEventClient> currentDelegate() {
         std::lock_guard lock(delegateMutex);
@@ -118,10 +120,31 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
         return connection == candidate && candidate->phase != Connection::Phase::ended;
     }
 
+    // A failed connection is dropped at once: its writes, queued and later, end with the
+    // failure instead of waiting on a socket that will never take them.
     void fail(const std::shared_ptr<Connection>& candidate, Failure error) {
         if (!current(candidate)) return;
-        candidate->close();
+        connection.reset();
+        failure = error;
+        end(candidate, error);
         report(failed(std::move(error)));
+    }
+
+    // Closes the connection; the write in flight ends by itself, aborted, and the ones behind
+    // it end with `reason`.
+    void end(const std::shared_ptr<Connection>& ended, const Failure& reason) {
+        ended->close();
+        ended->endedWith = reason;
+        if (!ended->writing) flushWrites(ended);
+    }
+
+    void flushWrites(const std::shared_ptr<Connection>& ended) {
+        auto writes = std::move(ended->writes);
+        ended->writes.clear();
+        for (auto& write : writes) {
+            if (!write.second) continue;
+            asio::post(strand, [done = std::move(write.second), reason = *ended->endedWith] { done(reason); });
+        }
     }
 
     void start(const std::shared_ptr<Connection>& candidate, std::string host, std::uint16_t port, long timeoutSeconds,
@@ -242,32 +265,29 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
     void cut() {
         isRunning = false;
         auto ended = std::move(connection);
-        if (!ended) return;
-        ended->close();
-        // The write in flight ends by itself, aborted; the ones behind it never started.
-        std::size_t keep = ended->writing ? 1 : 0;
-        auto unstarted = ended->writes.begin() + static_cast<std::ptrdiff_t>(std::min(keep, ended->writes.size()));
-        for (auto it = unstarted; it != ended->writes.end(); ++it) {
-            if (!it->second) continue;
-            asio::post(strand, [done = std::move(it->second)] {
-                done(Error{"kelvane.transport", ECANCELED, "Operation canceled"});
-            });
-        }
-        ended->writes.erase(unstarted, ended->writes.end());
-        report(ConnectionState{ConnectionState::Kind::cancelled});
+        // A connection that failed was already dropped; it existed all the same.
+        const bool existed = ended || failure;
+        failure.reset();
+        if (ended) end(ended, Error{"kelvane.transport", ECANCELED, "Operation canceled"});
+        if (existed) report(ConnectionState{ConnectionState::Kind::cancelled});
     }
 
     void write(Bytes data, WriteCompletion completion) {
-        if (!connection) return;
+        if (!connection) {
+            if (failure && completion) completion(*failure);
+            return;
+        }
         connection->writes.emplace_back(std::move(data), std::move(completion));
         if (!connection->writing) writeNext(connection);
     }
 
     void writeNext(const std::shared_ptr<Connection>& candidate) {
-        if (candidate->writes.empty() || candidate->phase == Connection::Phase::ended) {
-            candidate->writing = false;
+        candidate->writing = false;
+        if (candidate->phase == Connection::Phase::ended) {
+            if (candidate->endedWith) flushWrites(candidate);
             return;
         }
+        if (candidate->writes.empty()) return;
         candidate->writing = true;
         std::weak_ptr<Shared> weak = weak_from_this();
         candidate->writeAll(candidate->writes.front().first, [weak, candidate](const asio::error_code& error, std::size_t) {
@@ -314,6 +334,7 @@ void TCPTransport::connect(const URL& url, double timeout, std::shared_ptr<Certi
     asio::post(shared_->strand, [shared = shared_, host = unbracketed(parts->host), port, seconds, tls = parts->isTLS,
                                  pinner = std::move(certificatePinning)] {
         if (shared->connection) shared->connection->close();
+        shared->failure.reset();
         shared->connection = std::make_shared<Connection>(shared->strand, tls);
         shared->start(shared->connection, host, port, seconds, pinner);
     });

@@ -41,10 +41,12 @@ public:
     // on the server's certificate; without one, the system's store and the host name do.
     virtual void connect(const URL& url, double timeout = 10,
                          std::shared_ptr<CertificatePinning> certificatePinning = nullptr) = 0;
-    // Cuts the connection; a connection that existed then reports `cancelled`. Twice is harmless.
+    // Cuts the connection; a connection that existed (failed ones included) then reports
+    // `cancelled`. Twice is harmless.
     virtual void disconnect() = 0;
     // Writes in call order. The completion runs on the transport's queue once the bytes are
-    // out or failed; with no connection it never runs.
+    // out or failed. After the connection has failed, every write still queued and every
+    // later one completes with that failure; with no connection at all it never runs.
     virtual void write(Bytes data, WriteCompletion completion) = 0;
     virtual bool usingTLS() const = 0;
 };

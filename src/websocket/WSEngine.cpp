@@ -2,6 +2,8 @@
 
 #include "websocket/HTTPWSHeader.hpp"
 
+#include <cerrno>
+
 namespace kelvane::websocket {
 
 const char* eventKindName(WebSocketEvent::Kind kind) {
@@ -39,6 +41,13 @@ WSEngine::Flags WSEngine::flags() const {
     return flags_;
 }
 
+void WSEngine::setLimits(const Limits& limits) {
+    limits_ = limits;
+    framer_->setLimits(limits);
+    httpHandler_->setLimits(limits);
+    frameHandler_->setLimits(limits);
+}
+
 void WSEngine::registerDelegate(std::weak_ptr<EngineDelegate> delegate) {
     std::lock_guard lock(delegateMutex_);
     delegate_ = std::move(delegate);
@@ -56,6 +65,10 @@ void WSEngine::start(Request request) {
     httpHandler_->registerDelegate(self);
     frameHandler_->setDelegate(self);
     if (!request_->url) return;
+    if (auto field = request_->fieldWithLineBreak()) {
+        handleError(Error{"kelvane.websocket", EINVAL, "header field \"" + *field + "\" holds a line break"});
+        return;
+    }
     {
         std::lock_guard lock(mutex_);
         flags_.isConnecting = true;
@@ -94,8 +107,10 @@ void WSEngine::write(Bytes data, FrameOpCode opcode, WriteCompletion completion)
             if (!self->flags_.canSend) return;
         }
         std::optional<Bytes> compressed;
-        // Control frames too: the handler is asked for every write.
-        if (self->compressionHandler_) compressed = self->compressionHandler_->compress(data);
+        // Servers fail the connection on a control frame with RSV1, as the extension says.
+        const bool control = opcode == FrameOpCode::connectionClose || opcode == FrameOpCode::ping ||
+                             opcode == FrameOpCode::pong;
+        if (self->compressionHandler_ && !control) compressed = self->compressionHandler_->compress(data);
         Bytes frame = self->framer_->createWriteFrame(opcode, compressed ? ByteView(*compressed) : ByteView(data),
                                                       compressed.has_value());
         self->transport_->write(std::move(frame), [completion](std::optional<Failure>) {
@@ -161,6 +176,12 @@ void WSEngine::connectionChanged(ConnectionState state) {
 
 void WSEngine::didReceiveHTTP(const HTTPEvent& event) {
     if (!event.success) {
+        if (event.tooBig) {
+            // No close frame can go before the upgrade: the transport is cut instead.
+            handleError(Failure(*event.tooBig));
+            forceStop();
+            return;
+        }
         handleError(Failure(event.error));
         return;
     }
@@ -189,9 +210,9 @@ void WSEngine::frameProcessed(FrameEvent event) {
     frameHandler_->add(std::move(event.frame));
 }
 
-std::optional<Bytes> WSEngine::decompress(ByteView data, bool isFinal) {
+std::optional<Bytes> WSEngine::decompress(ByteView data, bool isFinal, std::size_t limit) {
     if (!compressionHandler_) return std::nullopt;
-    return compressionHandler_->decompress(data, isFinal);
+    return compressionHandler_->decompress(data, isFinal, limit);
 }
 
 void WSEngine::didForm(FrameCollector::Event event) {

@@ -23,6 +23,15 @@ void WebSocket::setRespondToPingWithPong(bool respond) {
     if (auto* engine = dynamic_cast<WSEngine*>(engine_.get())) engine->setRespondToPingWithPong(respond);
 }
 
+Limits WebSocket::limits() const {
+    auto* engine = dynamic_cast<WSEngine*>(engine_.get());
+    return engine ? engine->limits() : Limits{};
+}
+
+void WebSocket::setLimits(const Limits& limits) {
+    if (auto* engine = dynamic_cast<WSEngine*>(engine_.get())) engine->setLimits(limits);
+}
+
 void WebSocket::connect() {
     engine_->registerDelegate(weak_from_this());
     engine_->start(request_);

@@ -39,6 +39,10 @@ public:
     // WSEngine's flag; false (and unsettable) for other engines.
     bool respondToPingWithPong() const;
     void setRespondToPingWithPong(bool respond);
+    // WSEngine's limits (the defaults for other engines, which ignore them). Set before connect():
+    // a frame, a message or an upgrade response over its limit ends the connection with 1009.
+    Limits limits() const;
+    void setLimits(const Limits& limits);
 
     void connect();
     void disconnect(std::uint16_t closeCode = static_cast<std::uint16_t>(CloseCode::normal));

@@ -113,6 +113,9 @@ TEST(Compression, ContextTakeoverDecidesWhetherRepeatsShrink) {
     EXPECT_EQ(*first, *second);
     EXPECT_EQ(fresh.decompress(*first, true), message);
     EXPECT_EQ(fresh.decompress(*second, true), message);
+    // Only a call that succeeded is followed by a reset: a failed one leaves the stream broken.
+    EXPECT_FALSE(fresh.decompress(noise(40), true));
+    EXPECT_FALSE(fresh.decompress(*first, true));
 
     auto kept = loaded("permessage-deflate");
     auto one = kept.compress(message);

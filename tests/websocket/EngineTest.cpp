@@ -28,16 +28,19 @@ Bytes serverFrame(std::uint8_t first, std::string_view payload) {
     return frame;
 }
 
+const std::string kURL = "ws://example.test/socket.io/?EIO=4";
+
 struct Harness {
-    explicit Harness(bool deflate = false, std::string url = "ws://example.test/socket.io/?EIO=4") {
+    explicit Harness(bool deflate = false, std::string url = kURL, Limits limits = {}, std::string chatcode = "42") {
         transport = std::make_shared<FakeTransport>();
         engine = std::make_shared<WSEngine>(transport, nullptr, nullptr,
                                             deflate ? std::make_shared<WSCompression>() : nullptr);
         Request request(URL::make(url), 7);
-        request.setValue("42", "chatcode");
+        request.setValue(chatcode, "chatcode");
         socket = std::make_shared<WebSocket>(request, engine);
         socket->delegate = recorder;
         socket->callbackQueue = Queue::makeSerial("test.callbacks");
+        socket->setLimits(limits);
         socket->connect();
     }
 
@@ -124,6 +127,52 @@ TEST(WSEngineHandshake, RefusedAnswersReportAnErrorAndLeaveTheEngineConnecting) 
     }
 }
 
+TEST(WSEngineHandshake, AFieldWithALineBreakIsRefusedBeforeAnythingIsSent) {
+    for (const char* value : {"42\r\nX-Injected: 1", "42\n", "\r"}) {
+        Harness h(false, kURL, {}, value);
+        ASSERT_TRUE(h.recorder->waitForKind(Kind::error));
+        auto error = std::get<Error>(*h.recorder->events()[0].error);
+        EXPECT_NE(error.message.find("\"chatcode\""), std::string::npos) << error.message;
+        EXPECT_TRUE(h.transport->connects.empty());
+        EXPECT_EQ(h.writeCount(), 0u);
+        EXPECT_FALSE(h.engine->flags().isConnecting);
+    }
+}
+
+TEST(WSEngineLimits, WhatCrossesALimitEndsTheConnectionWith1009) {
+    Limits limits;
+    limits.maxFrameSize = 10;
+    limits.maxUpgradeResponseSize = 300;
+    const auto tooBig = [](const char* what) { return WSError{ErrorType::protocolError, what, 1009}; };
+    {
+        Harness h(false, kURL, limits);
+        EXPECT_EQ(h.socket->limits(), limits);
+        Bytes incoming = serverFrame(0x82, "0123456789");
+        Bytes over = serverFrame(0x82, "0123456789A");
+        incoming.insert(incoming.end(), over.begin(), over.end());
+        h.open("", incoming);
+        ASSERT_TRUE(h.transport->waitFor([&] { return h.transport->disconnects == 1; }));
+        ASSERT_TRUE(h.recorder->waitForKind(Kind::error));
+        EXPECT_EQ(h.recorder->kinds(), (std::vector<std::string>{"connected", "binary", "error"}));
+        EXPECT_EQ(std::get<WSError>(*h.recorder->ofKind(Kind::error)[0].error), tooBig("frame too big"));
+        auto frames = h.transport->framesWritten();
+        ASSERT_EQ(frames.size(), 1u);
+        EXPECT_EQ(frames[0].opcode, FrameOpCode::connectionClose);
+        EXPECT_EQ(frames[0].closeCode(), 1009);
+    }
+    {
+        // Before the upgrade no close frame can go: the transport is cut.
+        Harness h(false, kURL, limits);
+        h.transport->deliver(ConnectionState{ConnectionState::Kind::connected});
+        h.transport->deliverBytes(bytes("HTTP/1.1 101 Switching Protocols\r\nX-Padding: " + std::string(300, 'p')));
+        ASSERT_TRUE(h.recorder->waitForKind(Kind::error));
+        EXPECT_EQ(std::get<WSError>(*h.recorder->events()[0].error), tooBig("upgrade response too big"));
+        EXPECT_EQ(h.transport->disconnects, 1);
+        EXPECT_EQ(h.writeCount(), 1u);
+        EXPECT_FALSE(h.engine->flags().isConnecting);
+    }
+}
+
 TEST(WSEngineWrites, AWriteBeforeTheUpgradeIsDroppedWithItsCompletion) {
     Harness h;
     std::atomic<bool> earlyDone{false}, lateDone{false};
@@ -154,25 +203,32 @@ TEST(WSEngineClose, DisconnectCutsTheTransportEvenWhenTheCloseFrameFails) {
     EXPECT_FALSE(h.engine->flags().canSend);
 }
 
-TEST(WSEngineDeflate, EveryWriteIsOfferedToTheCompressorControlFramesToo) {
+TEST(WSEngineDeflate, DataFramesAreCompressedControlFramesNever) {
     Harness h(true);
     h.open("Sec-WebSocket-Extensions: permessage-deflate; client_no_context_takeover\r\n");
     h.transport->deliverBytes(serverFrame(0x89, "abc"));
-    ASSERT_TRUE(h.recorder->waitForKind(Kind::ping));
-    std::atomic<bool> done{false};
-    h.socket->write(std::string("hello hello hello"), [&] { done = true; });
-    ASSERT_TRUE(h.transport->waitFor([&] { return done.load(); }));
+    ASSERT_TRUE(h.transport->waitFor([&] { return h.transport->writes.size() == 2; }));
+    h.socket->write(std::string("hello hello hello"));
+    h.socket->writePing(bytes("are you there"));
+    h.socket->writePong(bytes("unasked"));
+    h.socket->disconnect(4001);
+    ASSERT_TRUE(h.transport->waitFor([&] { return h.transport->disconnects == 1; }));
     auto frames = h.transport->framesWritten();
-    ASSERT_EQ(frames.size(), 2u);
-    Decompressor inflater(15);
-    for (const auto& [frame, text] : {std::pair{frames[0], "abc"}, std::pair{frames[1], "hello hello hello"}}) {
-        auto inflated = inflater.decompress(frame.payload, true);
-        ASSERT_TRUE(std::holds_alternative<Bytes>(inflated));
-        EXPECT_EQ(asText(std::get<Bytes>(inflated)), text);
+    ASSERT_EQ(frames.size(), 5u);
+    EXPECT_TRUE(frames[1].rsv1 && frames[1].opcode == FrameOpCode::textFrame);
+    auto inflated = Decompressor(15).decompress(frames[1].payload, true);
+    ASSERT_TRUE(std::holds_alternative<Bytes>(inflated));
+    EXPECT_EQ(asText(std::get<Bytes>(inflated)), "hello hello hello");
+    const std::pair<FrameOpCode, Bytes> controls[] = {{FrameOpCode::pong, bytes("abc")},
+                                                      {FrameOpCode::ping, bytes("are you there")},
+                                                      {FrameOpCode::pong, bytes("unasked")},
+                                                      {FrameOpCode::connectionClose, Bytes{0x0F, 0xA1}}};
+    for (std::size_t i = 0; i < 4; ++i) {
+        const auto& frame = frames[i == 0 ? 0 : i + 1];
+        EXPECT_FALSE(frame.rsv1) << i;
+        EXPECT_EQ(frame.opcode, controls[i].first) << i;
+        EXPECT_EQ(frame.payload, controls[i].second) << i;
     }
-    // RSV1 marks both, the pong included.
-    EXPECT_TRUE(frames[0].rsv1 && frames[0].fin && frames[0].opcode == FrameOpCode::pong);
-    EXPECT_TRUE(frames[1].rsv1 && frames[1].fin && frames[1].opcode == FrameOpCode::textFrame);
 }
 
 }  // namespace

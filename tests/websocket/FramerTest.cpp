@@ -58,6 +58,7 @@ bool sameEvent(const FrameEvent& a, const FrameEvent& b) {
 }
 
 WSError protocolFailure(const std::string& message) { return WSError{ErrorType::protocolError, message, 1002}; }
+WSError tooBig(const std::string& message) { return WSError{ErrorType::protocolError, message, 1009}; }
 
 }  // namespace
 
@@ -75,16 +76,34 @@ TEST(Framer, WaitsForMissingBytesWithoutTrustingTheLength) {
     EXPECT_EQ(reader->events[0].frame.payload, pattern(200));
     EXPECT_EQ(reader->framer->bufferedBytes(), 0u);
 
-    // 2^63 bytes announced: it waits, holding only what came.
-    auto huge = Reader::make();
-    huge->feed(Bytes{0x82, 127, 0x80, 0, 0, 0, 0, 0, 0, 0} + pattern(1000));
-    EXPECT_TRUE(huge->events.empty());
-    EXPECT_EQ(huge->framer->bufferedBytes(), 1010u);
-
     auto queued = Reader::make();
     queued->framer->add(serverFrame(0x81, text("hi")));
     queued->framer->queue()->sync([] {});
     ASSERT_EQ(queued->events.size(), 1u);
+}
+
+TEST(Framer, RefusesAFrameOverItsLimitAndCountsItsPayloadOffUnkept) {
+    Limits limits;
+    limits.maxFrameSize = 100;
+    Bytes stream = serverFrame(0x82, pattern(100)) + serverFrame(0x82, pattern(101)) + serverFrame(0x81, text("next"));
+    for (std::size_t piece : {SIZE_MAX, std::size_t{1}, std::size_t{7}}) {
+        auto reader = Reader::make();
+        reader->framer->setLimits(limits);
+        reader->feed(Bytes(stream.begin(), stream.begin() + 120), piece);
+        EXPECT_EQ(reader->framer->bufferedBytes(), 0u) << piece;
+        reader->feed(Bytes(stream.begin() + 120, stream.end()), piece);
+        ASSERT_EQ(reader->events.size(), 3u) << piece;
+        EXPECT_EQ(reader->events[0].frame.payload, pattern(100));
+        EXPECT_EQ(reader->events[1].error, tooBig("frame too big"));
+        EXPECT_EQ(reader->events[2].frame.payload, text("next"));
+    }
+
+    // 2^63 bytes announced, under the default limits: refused at once, nothing held.
+    auto huge = Reader::make();
+    huge->feed(Bytes{0x82, 127, 0x80, 0, 0, 0, 0, 0, 0, 0} + pattern(1000));
+    ASSERT_EQ(huge->events.size(), 1u);
+    EXPECT_EQ(huge->events[0].error, tooBig("frame too big"));
+    EXPECT_EQ(huge->framer->bufferedBytes(), 0u);
 }
 
 TEST(Framer, CutsTheSameFramesHoweverTheReadsFall) {
@@ -212,11 +231,13 @@ struct Pipeline : FramerEventClient, FrameCollector::Delegate {
     WSCompression compression;
     std::vector<FrameCollector::Event> events;
     std::vector<bool> finalCalls;
+    std::size_t largestInflated = 0;
 
-    static std::shared_ptr<Pipeline> make(bool compressed = false) {
+    static std::shared_ptr<Pipeline> make(bool compressed = false, Limits limits = {}) {
         auto pipeline = std::make_shared<Pipeline>();
         pipeline->framer->registerDelegate(pipeline);
         pipeline->collector.setDelegate(pipeline);
+        pipeline->collector.setLimits(limits);
         pipeline->framer->updateCompression(compressed);
         if (compressed) pipeline->compression.load({{"Sec-WebSocket-Extensions", "permessage-deflate"}});
         return pipeline;
@@ -226,9 +247,11 @@ struct Pipeline : FramerEventClient, FrameCollector::Delegate {
         if (!event.isError) collector.add(std::move(event.frame));
     }
     void didForm(FrameCollector::Event event) override { events.push_back(std::move(event)); }
-    std::optional<Bytes> decompress(ByteView data, bool isFinal) override {
+    std::optional<Bytes> decompress(ByteView data, bool isFinal, std::size_t limit) override {
         finalCalls.push_back(isFinal);
-        return compression.decompress(data, isFinal);
+        auto inflated = compression.decompress(data, isFinal, limit);
+        if (inflated) largestInflated = std::max(largestInflated, inflated->size());
+        return inflated;
     }
 };
 
@@ -288,4 +311,30 @@ TEST(FrameCollector, JoinsFragmentsAndRefusesBrokenSequences) {
     EXPECT_EQ(closed(Bytes{0x03, 0xE9}), std::make_pair(std::string(), 1001));
     EXPECT_EQ(closed({}), std::make_pair(std::string(), 1000));
     EXPECT_EQ(closed(Bytes{0x0F, 0xA0, 0xFF}), std::make_pair(std::string("connection closed by server"), 1002));
+}
+
+TEST(FrameCollector, AMessageOverItsLimitIsRefusedBeforeItIsHeld) {
+    Limits limits;
+    limits.maxMessageSize = 1000;
+    Compressor deflater(15);
+    auto packed = [&](std::size_t size) { return std::get<Bytes>(deflater.compress(Bytes(size, 'a'))); };
+
+    // Inflated: exactly the limit passes; a bomb is stopped one byte past it, not inflated whole.
+    auto inflating = Pipeline::make(true, limits);
+    Bytes exact = serverFrame(0xC2, packed(1000));
+    inflating->feed(exact + serverFrame(0xC2, packed(8 << 20)));
+    ASSERT_EQ(inflating->events.size(), 2u);
+    EXPECT_EQ(inflating->events[0].data.size(), 1000u);
+    EXPECT_EQ(inflating->events[1].error, tooBig("message too big"));
+    EXPECT_EQ(inflating->largestInflated, 1001u);
+
+    // Joined fragments count together; the rest of a refused message is dropped, the next
+    // message and the control frames between are not.
+    auto joining = Pipeline::make(false, limits);
+    joining->feed(serverFrame(0x02, pattern(600)) + serverFrame(0x00, pattern(401)) + serverFrame(0x89, text("p")) +
+                  serverFrame(0x80, pattern(5)) + serverFrame(0x02, pattern(2)) + serverFrame(0x80, pattern(998)));
+    ASSERT_EQ(joining->events.size(), 3u);
+    EXPECT_EQ(joining->events[0].error, tooBig("message too big"));
+    EXPECT_EQ(joining->events[1].kind, Kind::ping);
+    EXPECT_EQ(joining->events[2].data, pattern(2) + pattern(998));
 }

@@ -117,6 +117,39 @@ TEST(HTTPHandler, ReadsUpgradeResponses) {
     EXPECT_EQ(plainRecorder->events[1].error.kind, HTTPUpgradeError::Kind::invalidData);
 }
 
+TEST(HTTPHandler, RefusesAResponseOverItsLimitOnceAndIgnoresTheRest) {
+    for (int variant = 0; variant < 2; ++variant) {
+        SCOPED_TRACE(variant);
+        auto make = [&](std::size_t limit) {
+            std::unique_ptr<HTTPHandler> handler;
+            if (variant == 0) handler = std::make_unique<FoundationHTTPHandler>();
+            else handler = std::make_unique<StringHTTPHandler>();
+            Limits limits;
+            limits.maxUpgradeResponseSize = limit;
+            handler->setLimits(limits);
+            return handler;
+        };
+        auto recorder = std::make_shared<Recorder>();
+        // Frames behind the header do not count.
+        auto exact = make(kResponse.size());
+        exact->registerDelegate(recorder);
+        EXPECT_EQ(parse(*exact, kResponse + "\x81\x02hi"), static_cast<std::int64_t>(kResponse.size()));
+        ASSERT_EQ(recorder->events.size(), 1u);
+        EXPECT_TRUE(recorder->events[0].success);
+
+        auto over = make(kResponse.size() - 1);
+        over->registerDelegate(recorder);
+        EXPECT_EQ(parse(*over, kResponse.substr(0, 40)), -1);
+        EXPECT_EQ(recorder->events.size(), 1u);
+        EXPECT_EQ(parse(*over, kResponse.substr(40)), -1);
+        ASSERT_EQ(recorder->events.size(), 2u);
+        EXPECT_FALSE(recorder->events[1].success);
+        EXPECT_EQ(recorder->events[1].tooBig, (WSError{ErrorType::protocolError, "upgrade response too big", 1009}));
+        EXPECT_EQ(parse(*over, kResponse), -1);
+        EXPECT_EQ(recorder->events.size(), 2u);
+    }
+}
+
 TEST(HTTPHandler, WritesTheRequest) {
     Request upgrade = request("wss://chat.test:8443/socket.io/?EIO=4&transport=websocket&t=a%20b");
     upgrade.setValue("chat.test:8443", "Host");
@@ -131,6 +164,17 @@ TEST(HTTPHandler, WritesTheRequest) {
     EXPECT_EQ(std::string(asText(StringHTTPHandler().convert(request("ws://h.test/a%2Fb")))),
               "GET /a%2Fb HTTP/1.1\r\n\r\n");
     EXPECT_TRUE(FoundationHTTPHandler().convert(Request()).empty());
+
+    // A line break in a field would write lines of the caller's choosing: nothing is written.
+    for (const auto& [name, value] : {std::pair{"chatcode", "42\r\nX-Injected: 1"}, std::pair{"X-A\n", "1"}}) {
+        Request split = request("ws://h.test/");
+        split.setValue("1", "Before");
+        split.setValue(value, name);
+        EXPECT_EQ(split.fieldWithLineBreak(), name);
+        EXPECT_TRUE(FoundationHTTPHandler().convert(split).empty());
+        EXPECT_TRUE(StringHTTPHandler().convert(split).empty());
+    }
+    EXPECT_FALSE(upgrade.fieldWithLineBreak());
 }
 
 TEST(HTTPWSHeader, BuildsTheUpgrade) {

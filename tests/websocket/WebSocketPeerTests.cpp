@@ -14,6 +14,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <fstream>
+#include <iostream>
 
 namespace kelvane::websocket {
 namespace {
@@ -177,6 +180,105 @@ TEST(WebSocketPeer, ServerClosesAreReportedAndEchoed) {
         EXPECT_TRUE(peer.waitForLine(expected)) << expected;
         auto flags = client.flags();
         EXPECT_FALSE(flags.canSend || flags.didUpgrade || flags.isConnecting);
+    }
+}
+
+// A field of /proc/self/status in KiB, or -1.
+long statusKiB(const std::string& field) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind(field + ":", 0) == 0) return std::stol(line.substr(field.size() + 1));
+    }
+    return -1;
+}
+
+// Makes the kernel start the peak (VmHWM) afresh from what is resident now, so that the peak
+// read later is this test's own, whatever ran before it in the process.
+bool restartPeak() {
+    std::ofstream clear("/proc/self/clear_refs");
+    clear << "5";
+    clear.flush();
+    return clear.good() && statusKiB("VmHWM") <= statusKiB("VmRSS") + 1024;
+}
+
+TEST(WebSocketPeer, ADecompressionBombIsClosedWith1009BeforeItsMemoryIsTaken) {
+    auto peer = wsServer({{"deflate", {{"threshold", 0}}}});
+    Client client(wsURL(peer), true);
+    ASSERT_TRUE(client.connected());
+    ASSERT_TRUE(restartPeak());
+    const long start = statusKiB("VmRSS");
+
+    // About 1 MB on the wire, 1 GiB once inflated.
+    client.send("cmd:bomb 1024");
+    auto bomb = peer.waitForLine("BOMB ");
+    ASSERT_TRUE(bomb);
+    EXPECT_GT(std::stol(bomb->substr(5)), 1000000);
+    // Whatever the client makes of it (the message, or the refusal), the peak is read after.
+    ASSERT_TRUE(client.recorder->waitFor(
+        [](const auto& events) {
+            for (const auto& e : events) {
+                if (e.kind == Kind::binary || e.kind == Kind::error) return true;
+            }
+            return false;
+        },
+        std::chrono::seconds(60)));
+    const long peak = statusKiB("VmHWM");
+    std::cout << "peak resident memory above the start: " << (peak - start) / 1024 << " MiB\n";
+#if defined(__SANITIZE_THREAD__)
+    // ThreadSanitizer keeps four bytes of shadow for every byte the program touches.
+    constexpr long kShadow = 5;
+#else
+    constexpr long kShadow = 1;
+#endif
+    EXPECT_LT(peak - start, kShadow * 64 * 1024);
+    EXPECT_EQ(peer.waitForLine("CLOSE ").value_or("<no close>"), "CLOSE 1009 ");
+
+    ASSERT_TRUE(client.recorder->waitForKind(Kind::cancelled));
+    EXPECT_EQ(client.recorder->kinds(), (std::vector<std::string>{"connected", "error", "cancelled"}));
+    auto error = client.recorder->ofKind(Kind::error).at(0).error;
+    ASSERT_TRUE(error && std::holds_alternative<WSError>(*error));
+    EXPECT_EQ(std::get<WSError>(*error), (WSError{ErrorType::protocolError, "message too big", 1009}));
+}
+
+TEST(WebSocketPeer, AConnectionResetAfterTheUpgradeGivesAnErrorThenTheCutWithinASecond) {
+    auto peer = wsServer(Json::object());
+    Client client(wsURL(peer), false);
+    ASSERT_TRUE(client.connected());
+    const auto sent = std::chrono::steady_clock::now();
+    client.send("cmd:reset");
+    ASSERT_TRUE(peer.waitForLine("RESET"));
+    const bool cut = client.recorder->waitForKind(Kind::cancelled, 1, std::chrono::seconds(5));
+    const auto elapsed = std::chrono::steady_clock::now() - sent;
+    std::cout << "error and cut after " << std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()
+              << " ms (" << (cut ? "cut" : "no cut") << ")\n";
+    ASSERT_TRUE(cut) << ::testing::PrintToString(client.recorder->kinds());
+    EXPECT_LT(elapsed, std::chrono::seconds(1));
+    EXPECT_EQ(client.recorder->kinds(), (std::vector<std::string>{"connected", "error", "cancelled"}));
+    auto error = client.recorder->ofKind(Kind::error).at(0).error;
+    ASSERT_TRUE(error && std::holds_alternative<Error>(*error));
+    auto flags = client.flags();
+    EXPECT_FALSE(flags.canSend || flags.didUpgrade || flags.isConnecting);
+}
+
+TEST(WebSocketPeer, WithDeflateControlFramesGoUncompressedAndTheServerTakesThem) {
+    auto peer = wsServer({{"deflate", {{"threshold", 0}}}});
+    Client client(wsURL(peer), true);
+    ASSERT_TRUE(client.connected());
+    ASSERT_NE(client.recorder->events()[0].headers["Sec-WebSocket-Extensions"].find("permessage-deflate"),
+              std::string::npos);
+    client.send("cmd:ping answer me");
+    EXPECT_EQ(lineAfter(peer, "PONG " + std::string("616e73776572206d65")), "PONG 616e73776572206d65");
+    client.socket->writePong(bytes("unasked"));
+    EXPECT_EQ(lineAfter(peer, "PONG 756e61736b6564"), "PONG 756e61736b6564");
+    client.send("still compressed");
+    EXPECT_EQ(client.text(), "still compressed");
+    client.socket->disconnect(4001);
+    EXPECT_TRUE(peer.waitForLine("CLOSE ")) << "no close";
+    for (const auto& line : peer.lines()) {
+        EXPECT_EQ(line.rfind("ERROR", 0), std::string::npos) << line;
+        if (line.rfind("CLOSE", 0) == 0) {
+            EXPECT_EQ(line, "CLOSE 4001 ");
+        }
     }
 }
 
