@@ -300,6 +300,8 @@ void SocketEngine::createWebSocketAndConnect() {
     std::shared_ptr<websocket::CompressionHandler> compression;
     if (compress_) compression = std::make_shared<websocket::WSCompression>();
     ws_ = std::make_shared<websocket::WebSocket>(std::move(request), pinner, compression, useCustomEngine_);
+    ws_->setLimits(limits_);
+    wsFailure_.reset();
     ws_->callbackQueue = engineQueue_;
     ws_->delegate = std::weak_ptr<websocket::WebSocketDelegate>(shared_from_this());
     ws_->connect();
@@ -328,11 +330,19 @@ void SocketEngine::didReceive(const websocket::WebSocketEvent& event, websocket:
         break;
     case Kind::cancelled:
         wsConnected_ = false;
-        websocketDidDisconnect(Error{"SocketIO.SocketEngine.EngineError", 0, ""});
+        if (wsFailure_) {
+            websocketDidDisconnect(*wsFailure_);
+        } else {
+            websocketDidDisconnect(Error{"SocketIO.SocketEngine.EngineError", 0, ""});
+        }
         break;
     case Kind::error:
-        // After the upgrade the cut of the connection follows and ends the session. Before it,
-        // nothing follows: the connect just ended.
+        // After the upgrade the cut of the connection follows and ends the session, reported
+        // with the protocol's own error if there was one. Before it, nothing follows: the
+        // connect just ended.
+        if (event.error) {
+            if (const auto* failure = std::get_if<websocket::WSError>(&*event.error)) wsFailure_ = *failure;
+        }
         if (!connected_) sessionEnded();
         break;
     default: break;

@@ -172,6 +172,8 @@ private:
     bool enableSOCKSProxy_ = false;
     std::shared_ptr<websocket::WebSocket> ws_;
     bool wsConnected_ = false;
+    // The protocol error that made the WebSocket cut its connection.
+    std::optional<websocket::WSError> wsFailure_;
     std::weak_ptr<SocketEngineClient> client_;
     std::weak_ptr<HTTPSessionDelegate> sessionDelegate_;  // empty: the engine itself
     bool ownSessionDelegate_ = true;
@@ -185,7 +187,7 @@ private:
     bool secure_ = false;
     std::shared_ptr<websocket::CertificatePinning> certPinner_;
     bool selfSigned_ = false;
-    // A polling answer larger than maxMessageSize is a protocol failure.
+    // The WebSocket's limits; a polling answer larger than maxMessageSize is a protocol failure.
     websocket::Limits limits_;
     // Counts the sessions begun, so that answers to an earlier session's requests are dropped.
     std::uint64_t sessionGeneration_ = 0;

@@ -401,6 +401,29 @@ void SocketIOPeer::restartFiftyTimes(SocketIOClientConfiguration config) {
 
 TEST_F(SocketIOPeer, FiftyQuickRestartsOverWebSocket) { restartFiftyTimes({Option::forceWebsockets(true)}); }
 TEST_F(SocketIOPeer, FiftyQuickRestartsOverPolling) { restartFiftyTimes({Option::forcePolling(true)}); }
+TEST_F(SocketIOPeer, FiftyQuickRestartsWithUpgrades) { restartFiftyTimes({}); }
+
+// A message past the limit closes the engine as a protocol failure, with the same words on
+// both transports.
+TEST_F(SocketIOPeer, AMessagePastTheLimitClosesTheEngineOnEitherTransport) {
+    startServer({{"quiet", true}});
+    websocket::Limits limits;
+    limits.maxMessageSize = 1024;
+    for (bool polling : {false, true}) {
+        SCOPED_TRACE(polling ? "polling" : "websocket");
+        makeManager({polling ? Option::forcePolling(true) : Option::forceWebsockets(true), Option::limits(limits),
+                     Option::reconnects(false)});
+        EventLog& log = makeLog();
+        connectSocket("/", log);
+        server->writeLine("emit / big [\"" + std::string(1000, 'x') + "\"]");
+        ASSERT_TRUE(log.waitFor("big "));
+        server->writeLine("emit / big [\"" + std::string(2000, 'x') + "\"]");
+        ASSERT_TRUE(log.waitFor("disconnect "));
+        EXPECT_EQ(log.first("error "), R"(error ["message too big. code=1009, type=protocolError"])");
+        EXPECT_EQ(log.count("big "), 1u);
+        TearDown();
+    }
+}
 
 // The server holds the POST that carries the first emits until it has answered the probe, so
 // that the POST is under way while the client may switch to the WebSocket. Over 200 sessions,
