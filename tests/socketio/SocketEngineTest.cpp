@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <mutex>
 
@@ -51,35 +50,6 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<std::string> lines_;
-};
-
-// Answers the first request with `body`; later ones stay under way.
-class FirstAnswerHTTP final : public platform::HTTP {
-public:
-    explicit FirstAnswerHTTP(std::string body) : body_(std::move(body)) {}
-    void dataTask(const platform::HTTPRequest&,
-                  std::function<void(std::optional<std::string>, std::optional<platform::HTTPResponse>,
-                                     std::optional<Error>)>
-                      completion) override {
-        if (answered_.exchange(true)) {
-            std::lock_guard lock(mutex_);
-            pending_.push_back(std::move(completion));
-            return;
-        }
-        completion(body_, platform::HTTPResponse{200, {}}, std::nullopt);
-    }
-    void downloadTask(const URL&,
-                      std::function<void(std::optional<std::filesystem::path>, std::optional<platform::HTTPResponse>,
-                                         std::optional<Error>)>) override {}
-    Result<std::string> contentsOf(const URL&) override { return Error{"FirstAnswerHTTP", 0, ""}; }
-
-private:
-    std::string body_;
-    std::atomic<bool> answered_{false};
-    std::mutex mutex_;
-    std::vector<std::function<void(std::optional<std::string>, std::optional<platform::HTTPResponse>,
-                                   std::optional<Error>)>>
-        pending_;
 };
 
 std::shared_ptr<SocketEngine> makeEngine(const std::shared_ptr<RecordingClient>& client, std::string_view url,
@@ -179,26 +149,6 @@ TEST(SocketEngine, SplitsPollingBodies) {
                                                         "error Got unknown error from server x:4abc"}));
     EXPECT_DEATH(two->engineQueue()->sync([&] { two->parsePollingMessage("9:4ab"); }),
                  "Fatal error: String index is out of bounds");
-}
-
-TEST(SocketEngine, APollingAnswerPastTheSizeLimitIsAProtocolFailure) {
-    const std::string open = R"(0{"sid":"s","upgrades":[],"pingInterval":25000,"pingTimeout":20000})";
-    for (std::size_t limit : {open.size(), open.size() - 1}) {
-        auto client = std::make_shared<RecordingClient>();
-        websocket::Limits limits;
-        limits.maxMessageSize = limit;
-        auto engine = makeEngine(client, "http://h.example/", {Option::forcePolling(true), Option::limits(limits)});
-        engine->http = std::make_shared<FirstAnswerHTTP>(open);
-        engine->connect();
-        if (limit == open.size()) {
-            EXPECT_TRUE(client->waitFor("open Connect"));
-        } else {
-            EXPECT_TRUE(client->waitFor("close message too big. code=1009, type=protocolError"));
-            EXPECT_EQ(client->take().front(), "error message too big. code=1009, type=protocolError");
-        }
-        engine->disconnect("done");
-        engine->engineQueue()->sync([] {});
-    }
 }
 
 TEST(SocketEngine, SilenceClosesWithPingTimeout) {

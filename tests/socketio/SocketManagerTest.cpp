@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <future>
 
 namespace kelvane::socketio {
 namespace {
@@ -239,34 +238,6 @@ TEST_F(SocketManagerTest, OneReconnectLoopAtATime) {
     queue->runUntilIdle();
     EXPECT_EQ(log.count("reconnect "), 3u);
     EXPECT_EQ(log.lines().back(), "reconnectAttempt [-1]");
-}
-
-// Serial queues share one network thread; the manager's synchronous hops onto its engine's
-// queue (a new engine during the loop, a new configuration) must not wait for that thread.
-TEST_F(SocketManagerTest, HopsOntoTheEngineQueueFromASerialHandleQueue) {
-    auto handle = Queue::makeSerial("test.handle");
-    std::vector<std::shared_ptr<FakeEngine>> made;
-    manager = std::make_shared<SocketManager>(*URL::make("http://backend.example/"),
-                                              SocketIOClientConfiguration{Option::handleQueue(handle),
-                                                                          Option::forceNew(true)});
-    manager->engineFactory = [&made](SocketManager&) {
-        made.push_back(std::make_shared<FakeEngine>(Queue::makeSerial("test.engine")));
-        return made.back();
-    };
-    handle->sync([&] { manager->connect(); });
-    // The close's reconnect round makes a new engine, cutting the old one off on its queue.
-    manager->engineDidClose("Socket Disconnected");
-    auto done = std::make_shared<std::promise<std::size_t>>();
-    handle->async([this, done, &made] {
-        manager->setConfig({Option::handleQueue(manager->handleQueue()), Option::forceNew(true)});
-        done->set_value(made.size());
-    });
-    auto engines = done->get_future();
-    ASSERT_EQ(engines.wait_for(10s), std::future_status::ready) << "the hop deadlocked the network thread";
-    EXPECT_EQ(engines.get(), 2u);
-    EXPECT_TRUE(made[0]->cutOff);
-    EXPECT_EQ(made[0]->calls.back(), "disconnect Adding new engine");
-    handle->sync([&] { manager.reset(); });
 }
 
 TEST_F(SocketManagerTest, WaitingBinaryPacketsHoldNoMoreThanAMessage) {
