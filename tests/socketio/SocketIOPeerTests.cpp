@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <deque>
+#include <functional>
 
 namespace kelvane::socketio {
 namespace {
@@ -387,8 +389,8 @@ void SocketIOPeer::restartFiftyTimes(SocketIOClientConfiguration config) {
         if (round <= restarts) server->writeLine("restart " + std::to_string(round) + " " + std::to_string(round % 6));
     }
     auto stats = serverStats(*server, "end");
-    std::printf("figure restarts %zu reconnectAttempt %zu sessions %d\n", restarts, log.count("reconnectAttempt "),
-                stats["sessions"].get<int>());
+    std::printf("figure restarts %zu reconnectAttempt %zu server %s\n", restarts, log.count("reconnectAttempt "),
+                stats.dump().c_str());
     EXPECT_EQ(stats["sessions"], restarts + 1);
     EXPECT_EQ(stats["connects"], restarts + 1);
     EXPECT_EQ(log.count("connect "), restarts + 1);
@@ -469,8 +471,7 @@ TEST_F(SocketIOPeer, UpgradeWithAPostUnderWayLosesNothing) {
         TearDown();
     }
     auto stats = serverStats(*server, "end");
-    std::printf("figure upgrade-runs %d lost-acks %zu held-across-upgrade %d\n", runs, lost,
-                stats["heldAcrossUpgrade"].get<int>());
+    std::printf("figure upgrade-runs %d lost-acks %zu server %s\n", runs, lost, stats.dump().c_str());
     EXPECT_EQ(lost, 0u);
     EXPECT_EQ(upgraded, static_cast<std::size_t>(runs));
     // The road under test was taken in every run.
