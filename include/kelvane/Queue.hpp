@@ -27,14 +27,24 @@ public:
     virtual bool isCurrent() const = 0;
     virtual const std::string& label() const = 0;
 
-    // Runs `task` on this queue and waits for it. Never call it from this same queue.
+    // Runs `task` on this queue and returns once it has run. The hop is safe from anywhere a
+    // serial queue runs:
+    // - from this same queue, or from a task of this queue that waits further up the stack
+    //   (a hop back), `task` runs in place;
+    // - from the network thread (any serial queue's task), where waiting would block the one
+    //   thread that runs every serial queue, `task` also runs in place, on this queue: first
+    //   the tasks posted to this queue before the call, in order, then `task`. So the queue's
+    //   order and its one-task-at-a-time rule hold as if the task had been posted and waited for;
+    // - from any other thread it is posted, and the caller waits.
+    // The one hop that can still wait for ever is onto a queue of another thread (the main
+    // queue) while that thread itself waits on this one.
     void sync(Task task);
 
     // The platform's main queue; before a platform is installed, a serial queue of the
     // library's own stands in for it.
     static std::shared_ptr<Queue> main();
-    // A new serial queue: a strand of the process-wide network context, whose one background
-    // thread runs all of them, and their timers.
+    // A new serial queue on the process-wide network context, whose one background thread
+    // runs all of them, and their timers.
     static std::shared_ptr<Queue> makeSerial(std::string label);
     // A concurrent queue for blocking work (camera start, for instance): a small thread pool.
     static std::shared_ptr<Queue> global();

@@ -9,6 +9,7 @@
 #include "websocket/Compression.hpp"
 #include "websocket/Text.hpp"
 
+#include <algorithm>
 #include <charconv>
 
 namespace kelvane::socketio {
@@ -26,16 +27,21 @@ platform::HTTPRequest makeRequest(URL url) {
     return request;
 }
 
-// Only the unreserved characters survive: the query's own delimiters and everything the query
-// does not allow are encoded.
+// Encodes the characters that delimit or quote parts of a URL: !*'();:@&=+$,/?%#[]" {}^|.
+// Past those, only what no URL can carry is encoded, as the URL itself would: other ASCII
+// controls and punctuation a query never holds (<>\`), and every byte beyond ASCII.
 std::string urlEncode(std::string_view text) {
     static constexpr char hex[] = "0123456789ABCDEF";
+    static constexpr std::string_view delimiters = "!*'();:@&=+$,/?%#[]\" {}^|";
+    static constexpr std::string_view neverInAURL = "<>\\`";
     std::string out;
     out.reserve(text.size());
     for (unsigned char c : text) {
-        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
-            c == '_' || c == '~') {
-            out += static_cast<char>(c);
+        const char ch = static_cast<char>(c);
+        const bool kept = c > 0x20 && c < 0x7F && delimiters.find(ch) == std::string_view::npos &&
+                          neverInAURL.find(ch) == std::string_view::npos;
+        if (kept) {
+            out += ch;
         } else {
             out += '%';
             out += hex[c >> 4];
@@ -60,6 +66,11 @@ void setHeader(platform::HTTPRequest& request, const std::string& name, const st
 }
 
 }  // namespace
+
+std::string messageTooBig() {
+    return websocket::describe(websocket::WSError{websocket::ErrorType::protocolError, "message too big",
+                                                  static_cast<std::uint16_t>(websocket::CloseCode::messageTooBig)});
+}
 
 SocketEngine::SocketEngine(std::weak_ptr<SocketEngineClient> client, URL url, const SocketIOClientConfiguration& config)
     : engineQueue_(Queue::makeSerial("com.kelvane.socketio.engine")),
@@ -111,6 +122,7 @@ bool SocketEngine::setConfigs(const SocketIOClientConfiguration& config) {
         case Kind::enableSOCKSProxy: enableSOCKSProxy_ = *option.get<bool>(); break;
         case Kind::useCustomEngine: useCustomEngine_ = *option.get<bool>(); break;
         case Kind::version: version_ = *option.get<SocketIOVersion>(); break;
+        case Kind::limits: limits_ = *option.get<websocket::Limits>(); break;
         default: break;
         }
     }
@@ -177,8 +189,23 @@ void SocketEngine::addHeaders(platform::HTTPRequest& request, const std::vector<
 
 // MARK: Entry points (any thread)
 
+bool SocketEngine::underWay() const {
+    std::lock_guard lock(connectMutex_);
+    return connectsSettled_ < connectsAsked_;
+}
+
 void SocketEngine::connect() {
-    engineQueue_->async([self = shared_from_this()] { self->_connect(); });
+    std::uint64_t number = 0;
+    {
+        std::lock_guard lock(connectMutex_);
+        number = ++connectsAsked_;
+    }
+    engineQueue_->async([self = shared_from_this(), number] { self->_connect(number); });
+}
+
+void SocketEngine::sessionEnded() {
+    std::lock_guard lock(connectMutex_);
+    connectsSettled_ = std::max(connectsSettled_, currentConnect_);
 }
 
 void SocketEngine::disconnect(std::string reason) {
@@ -193,34 +220,38 @@ void SocketEngine::write(std::string text, SocketEnginePacketType type, std::vec
                          Completion completion) {
     engineQueue_->async([self = shared_from_this(), text = std::move(text), type, data = std::move(data),
                          completion = std::move(completion)]() mutable {
-        if (!self->connected_) {
-            if (completion) completion();
-            return;
-        }
-        if (self->probing_) {
-            self->probeWait_.push_back({std::move(text), type, std::move(data), std::move(completion)});
-            return;
-        }
-        if (self->polling_) {
-            socketLog(kLogType,
-                      [&] { return "Writing poll: " + text + " has data: " + (data.empty() ? "false" : "true"); });
-            self->sendPollMessage(text, type, data, std::move(completion));
-        } else {
-            socketLog(kLogType,
-                      [&] { return "Writing ws: " + text + " has data: " + (data.empty() ? "false" : "true"); });
-            self->sendWebSocketMessage(text, type, data, std::move(completion));
-        }
+        self->writeNow(std::move(text), type, std::move(data), std::move(completion));
     });
+}
+
+void SocketEngine::writeNow(std::string text, SocketEnginePacketType type, std::vector<Bytes> data,
+                            Completion completion) {
+    if (!connected_) {
+        if (completion) completion();
+        return;
+    }
+    if (probing_) {
+        probeWait_.push_back({std::move(text), type, std::move(data), std::move(completion)});
+        return;
+    }
+    if (polling_) {
+        socketLog(kLogType, [&] { return "Writing poll: " + text + " has data: " + (data.empty() ? "false" : "true"); });
+        sendPollMessage(text, type, data, std::move(completion));
+    } else {
+        socketLog(kLogType, [&] { return "Writing ws: " + text + " has data: " + (data.empty() ? "false" : "true"); });
+        sendWebSocketMessage(text, type, data, std::move(completion));
+    }
 }
 
 // MARK: Session
 
-void SocketEngine::_connect() {
+void SocketEngine::_connect(std::uint64_t number) {
     KELVANE_ASSERT_ON_QUEUE(*engineQueue_);
     if (connected_) {
         socketError(kLogType, [] { return "Engine tried opening while connected. Assuming this was a reconnect"; });
         _disconnect("reconnect");
     }
+    currentConnect_ = number;
     socketLog(kLogType, [&] { return "Starting engine. Server: " + url_.absoluteString(); });
     socketLog(kLogType, [] { return "Handshaking"; });
     resetEngine();
@@ -236,6 +267,10 @@ void SocketEngine::_connect() {
 }
 
 void SocketEngine::resetEngine() {
+    // What an earlier session's requests and socket still report belongs to that session.
+    ++sessionGeneration_;
+    if (ws_) ws_->delegate = {};
+    wsConnected_ = false;
     closed_ = false;
     connected_ = false;
     fastUpgrade_ = false;
@@ -272,6 +307,8 @@ void SocketEngine::createWebSocketAndConnect() {
     std::shared_ptr<websocket::CompressionHandler> compression;
     if (compress_) compression = std::make_shared<websocket::WSCompression>();
     ws_ = std::make_shared<websocket::WebSocket>(std::move(request), certPinner_, compression, useCustomEngine_);
+    ws_->setLimits(limits_);
+    wsFailure_.reset();
     ws_->callbackQueue = engineQueue_;
     ws_->delegate = std::weak_ptr<websocket::WebSocketDelegate>(shared_from_this());
     ws_->connect();
@@ -300,11 +337,22 @@ void SocketEngine::didReceive(const websocket::WebSocketEvent& event, websocket:
         break;
     case Kind::cancelled:
         wsConnected_ = false;
-        websocketDidDisconnect(Error{"SocketIO.SocketEngine.EngineError", 0, ""});
+        if (wsFailure_) {
+            websocketDidDisconnect(*wsFailure_);
+        } else {
+            websocketDidDisconnect(Error{"SocketIO.SocketEngine.EngineError", 0, ""});
+        }
         break;
-    default:
-        // Errors are followed by the cut of the connection, which is what ends the session.
+    case Kind::error:
+        // After the upgrade the cut of the connection follows and ends the session, reported
+        // with the protocol's own error if there was one. Before it, nothing follows: the
+        // connect just ended.
+        if (event.error) {
+            if (const auto* failure = std::get_if<websocket::WSError>(&*event.error)) wsFailure_ = *failure;
+        }
+        if (!connected_) sessionEnded();
         break;
+    default: break;
     }
 }
 
@@ -326,9 +374,14 @@ void SocketEngine::websocketDidDisconnect(const std::optional<std::variant<webso
         return;
     }
     if (polling_) {
+        // Only a probe: polling goes on, with what waited for the switch, in order.
+        fastUpgrade_ = false;
+        if (!waitingForPost_) flushWaitingForPost();
         flushProbeWait();
+        doPoll();
         return;
     }
+    sessionEnded();
     connected_ = false;
     polling_ = true;
     if (error) {
@@ -351,7 +404,9 @@ void SocketEngine::upgradeTransport() {
     if (!wsConnected_) return;
     socketLog(kLogType, [] { return "Upgrading transport to WebSockets"; });
     fastUpgrade_ = true;
-    sendPollMessage("", SocketEnginePacketType::noop, {}, {});
+    // No polling request starts from now on: the noop waits with the rest for the WebSocket.
+    postWait_.push_back({std::string(1, typeDigit(SocketEnginePacketType::noop)), {}});
+    if (!waitingForPoll_ && !waitingForPost_) doFastUpgrade();
 }
 
 void SocketEngine::doFastUpgrade() {
@@ -366,16 +421,19 @@ void SocketEngine::doFastUpgrade() {
     polling_ = false;
     fastUpgrade_ = false;
     probing_ = false;
-    flushProbeWait();
+    // Oldest first: what waited for a POST, then what was written during the probe. Both go
+    // out here and now, before any write queued behind this task.
     if (!postWait_.empty()) flushWaitingForPostToWebSocket();
+    flushProbeWait();
 }
 
 void SocketEngine::flushProbeWait() {
     socketLog(kLogType, [] { return "Flushing probe wait"; });
-    for (auto& waiting : probeWait_) {
-        write(std::move(waiting.msg), waiting.type, std::move(waiting.data), std::move(waiting.completion));
-    }
+    auto waiting = std::move(probeWait_);
     probeWait_.clear();
+    for (auto& each : waiting) {
+        writeNow(std::move(each.msg), each.type, std::move(each.data), std::move(each.completion));
+    }
 }
 
 void SocketEngine::flushWaitingForPostToWebSocket() {
@@ -433,6 +491,8 @@ void SocketEngine::parseEngineMessage(std::string message) {
     switch (static_cast<SocketEnginePacketType>(digit)) {
     case SocketEnginePacketType::open: handleOpen(message.substr(1)); break;
     case SocketEnginePacketType::close:
+        // The server ended the session; the client reconnects as it sees fit.
+        sessionEnded();
         if (owner) owner->engineDidClose(message);
         break;
     case SocketEnginePacketType::ping: handlePing(message); break;
@@ -592,6 +652,7 @@ void SocketEngine::disconnectPolling(const std::string& reason) {
 }
 
 void SocketEngine::closeOutEngine(const std::string& reason) {
+    sessionEnded();
     sid_.clear();
     closed_ = true;
     invalidated_ = true;
@@ -629,12 +690,22 @@ void SocketEngine::doLongPoll(platform::HTTPRequest request) {
             if (self->polling_) self->didError(error ? error->localizedDescription() : "Error");
             return;
         }
+        if (data->size() > self->limits_.maxMessageSize) {
+            self->waitingForPoll_ = false;
+            self->didError(messageTooBig());
+            return;
+        }
         socketLog(kPollingLogType, [] { return "Got polling response"; });
         if (isValidUTF8(*data)) self->parsePollingMessage(*data);
         self->waitingForPoll_ = false;
+        // A first answer that opened nothing ends the connect, without a word.
+        if (!self->connected_) self->sessionEnded();
+        if (self->closed_) return;
         if (self->fastUpgrade_) {
-            self->doFastUpgrade();
-        } else if (!self->closed_ && self->polling_) {
+            // The switch waits for a POST under way: sent by polling, it must arrive while
+            // the server still polls.
+            if (!self->waitingForPost_) self->doFastUpgrade();
+        } else if (self->polling_) {
             self->doPoll();
         }
     });
@@ -643,7 +714,14 @@ void SocketEngine::doLongPoll(platform::HTTPRequest request) {
 void SocketEngine::doRequest(const platform::HTTPRequest& request, HTTPSession::Completion callback) {
     if (!polling_ || closed_ || invalidated_ || fastUpgrade_) return;
     socketLog(kPollingLogType, [&] { return "Doing polling " + request.method + " " + request.url.absoluteString(); });
-    if (session_) session_->dataTask(request, std::move(callback));
+    if (!session_) return;
+    session_->dataTask(request, [weak = weak_from_this(), generation = sessionGeneration_,
+                                 callback = std::move(callback)](auto data, auto response, auto error) {
+        auto self = weak.lock();
+        // An answer to an earlier session's request: that session is gone.
+        if (!self || self->sessionGeneration_ != generation) return;
+        callback(std::move(data), std::move(response), std::move(error));
+    });
 }
 
 void SocketEngine::parsePollingMessage(const std::string& text) {
@@ -707,7 +785,9 @@ void SocketEngine::flushWaitingForPost() {
             return;
         }
         self->waitingForPost_ = false;
-        if (!self->fastUpgrade_) {
+        if (self->fastUpgrade_) {
+            if (!self->waitingForPoll_) self->doFastUpgrade();
+        } else {
             self->flushWaitingForPost();
             self->doPoll();
         }

@@ -3,6 +3,7 @@
 #include "socketio/SocketEngineSpec.hpp"
 #include "socketio/SocketIOClientOption.hpp"
 #include "support/HTTPSession.hpp"
+#include "websocket/Limits.hpp"
 #include "websocket/WebSocket.hpp"
 
 #include <kelvane/Json.hpp>
@@ -13,12 +14,17 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <variant>
 #include <vector>
 
 namespace kelvane::socketio {
+
+// The reason the engine closes with when a server breaks a size limit: the same words as a
+// WebSocket that closed with 1009.
+std::string messageTooBig();
 
 // One Engine.IO session over a WebSocket, long polling, or polling upgraded to a WebSocket.
 // Make it with std::make_shared. All state belongs to engineQueue; the members marked "any
@@ -41,6 +47,7 @@ public:
     const std::shared_ptr<Queue>& engineQueue() const override { return engineQueue_; }
     void setClient(std::weak_ptr<SocketEngineClient> client) override { client_ = std::move(client); }
     bool setConfigs(const SocketIOClientConfiguration& config) override;
+    bool underWay() const override;
     void connect() override;
     void disconnect(std::string reason) override;
     void send(std::string text, std::vector<Bytes> data, Completion completion = {}) override;
@@ -109,7 +116,10 @@ private:
         Completion completion;
     };
 
-    void _connect();
+    void _connect(std::uint64_t number);
+    // Engine queue: the session of the current connect ended, or that connect opened none.
+    void sessionEnded();
+    void writeNow(std::string text, SocketEnginePacketType type, std::vector<Bytes> data, Completion completion);
     void _disconnect(const std::string& reason);
     void resetEngine();
     void createURLs();
@@ -163,6 +173,8 @@ private:
     bool enableSOCKSProxy_ = false;
     std::shared_ptr<websocket::WebSocket> ws_;
     bool wsConnected_ = false;
+    // The protocol error that made the WebSocket cut its connection.
+    std::optional<websocket::WSError> wsFailure_;
     std::weak_ptr<SocketEngineClient> client_;
     std::weak_ptr<HTTPSessionDelegate> sessionDelegate_;  // empty: the engine itself
     bool ownSessionDelegate_ = true;
@@ -177,6 +189,16 @@ private:
     std::shared_ptr<websocket::CertificatePinning> certPinner_;
     std::shared_ptr<platform::HTTP> pinnedHTTP_;  // made for certPinner_ on the first connect
     bool selfSigned_ = false;
+    // The WebSocket's limits; a polling answer larger than maxMessageSize is a protocol failure.
+    websocket::Limits limits_;
+    // Counts the sessions begun, so that answers to an earlier session's requests are dropped.
+    std::uint64_t sessionGeneration_ = 0;
+    // The connect whose session runs or is being opened (engine queue).
+    std::uint64_t currentConnect_ = 0;
+    // Connects asked for, and those whose session (or attempt) ended: read from any thread.
+    mutable std::mutex connectMutex_;
+    std::uint64_t connectsAsked_ = 0;
+    std::uint64_t connectsSettled_ = 0;
 };
 
 }  // namespace kelvane::socketio

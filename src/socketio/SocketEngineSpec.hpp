@@ -46,6 +46,11 @@ public:
     // Engine queue only; false when this engine takes no configurations.
     virtual bool setConfigs(const SocketIOClientConfiguration& config) = 0;
 
+    // Any thread: true from a call to connect() until the session it opened, or tried to open,
+    // has ended, whether or not the end was reported. So also while a session runs whose open
+    // the client may not have heard of yet.
+    virtual bool underWay() const = 0;
+
     // Any thread: these queue their work on the engine queue and return.
     virtual void connect() = 0;
     virtual void disconnect(std::string reason) = 0;

@@ -24,6 +24,7 @@ SocketIOClientOption SocketIOClientOption::enableSOCKSProxy(bool value) { return
 SocketIOClientOption SocketIOClientOption::handleQueue(std::shared_ptr<Queue> queue) {
     return {Kind::handleQueue, std::move(queue)};
 }
+SocketIOClientOption SocketIOClientOption::limits(websocket::Limits limits) { return {Kind::limits, limits}; }
 SocketIOClientOption SocketIOClientOption::log(bool value) { return {Kind::log, value}; }
 SocketIOClientOption SocketIOClientOption::logger(std::shared_ptr<SocketLogger> logger) {
     return {Kind::logger, std::move(logger)};
@@ -64,6 +65,7 @@ std::string_view SocketIOClientOption::description() const {
         case Kind::forceWebsockets: return "forceWebsockets";
         case Kind::enableSOCKSProxy: return "enableSOCKSProxy";
         case Kind::handleQueue: return "handleQueue";
+        case Kind::limits: return "limits";
         case Kind::log: return "log";
         case Kind::logger: return "logger";
         case Kind::path: return "path";
@@ -108,6 +110,10 @@ std::optional<SocketIOClientOption> optionFrom(const std::string& key, const Val
     }
     if (key == "handleQueue") {
         if (auto* queue = as<std::shared_ptr<Queue>>(value)) return Option::handleQueue(*queue);
+        return std::nullopt;
+    }
+    if (key == "limits") {
+        if (auto* limits = as<websocket::Limits>(value)) return Option::limits(*limits);
         return std::nullopt;
     }
     if (key == "logger") {

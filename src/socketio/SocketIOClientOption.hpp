@@ -3,6 +3,7 @@
 #include "socketio/SocketLogger.hpp"
 #include "socketio/SocketTypes.hpp"
 #include "support/HTTPSession.hpp"
+#include "websocket/Limits.hpp"
 #include "websocket/Security.hpp"
 
 #include <kelvane/Json.hpp>
@@ -32,6 +33,7 @@ public:
         forceWebsockets,
         enableSOCKSProxy,
         handleQueue,
+        limits,
         log,
         logger,
         path,
@@ -51,7 +53,7 @@ public:
     using Value = std::variant<std::monostate, bool, std::int64_t, double, std::string, Json, std::vector<HTTPCookie>,
                                std::map<std::string, std::string>, std::shared_ptr<Queue>, std::shared_ptr<SocketLogger>,
                                std::shared_ptr<websocket::CertificatePinning>, std::weak_ptr<HTTPSessionDelegate>,
-                               SocketIOVersion>;
+                               SocketIOVersion, websocket::Limits>;
 
     static SocketIOClientOption compress();
     static SocketIOClientOption connectParams(Json object);
@@ -62,6 +64,11 @@ public:
     static SocketIOClientOption forceWebsockets(bool value);
     static SocketIOClientOption enableSOCKSProxy(bool value);
     static SocketIOClientOption handleQueue(std::shared_ptr<Queue> queue);
+    // What a server may make the connection hold (a departure from the protocols, which set no
+    // bound): the WebSocket's limits; maxMessageSize also bounds a polling answer (checked once
+    // the HTTP client has read it) and the binary packets waiting for their attachments.
+    // Crossing one closes the engine as a protocol failure.
+    static SocketIOClientOption limits(websocket::Limits limits);
     static SocketIOClientOption log(bool value);
     static SocketIOClientOption logger(std::shared_ptr<SocketLogger> logger);
     static SocketIOClientOption path(std::string path);

@@ -13,6 +13,8 @@ namespace kelvane::socketio {
 namespace {
 
 constexpr std::string_view kLogType = "SocketManager";
+// How soon a round that found a connect under way looks again, when the wait is shorter.
+constexpr double kMinimumRecheck = 0.01;
 
 double uniformDraw() {
     thread_local std::mt19937_64 generator{std::random_device{}()};
@@ -36,10 +38,13 @@ SocketManager::~SocketManager() {
 
 void SocketManager::setStatus(SocketIOStatus status) {
     status_ = status;
-    if (status == SocketIOStatus::connected) {
-        reconnecting = false;
-        currentReconnectAttempt = 0;
-    }
+    if (status == SocketIOStatus::connected) endReconnectLoop();
+}
+
+void SocketManager::endReconnectLoop() {
+    reconnecting = false;
+    currentReconnectAttempt = 0;
+    ++reconnectLoop_;
 }
 
 void SocketManager::setConfig(const SocketIOClientConfiguration& config) {
@@ -65,6 +70,7 @@ void SocketManager::setConfigs(const SocketIOClientConfiguration& config) {
         case Kind::reconnectWaitMax: reconnectWaitMax = std::abs(*option.get<std::int64_t>()); break;
         case Kind::randomizationFactor: randomizationFactor = *option.get<double>(); break;
         case Kind::version: version_ = *option.get<SocketIOVersion>(); break;
+        case Kind::limits: limits_ = *option.get<websocket::Limits>(); break;
         case Kind::log: defaultLogger()->setLog(*option.get<bool>()); break;
         case Kind::logger:
             if (auto logger = *option.get<std::shared_ptr<SocketLogger>>()) setDefaultLogger(logger);
@@ -178,6 +184,8 @@ void SocketManager::connectSocket(SocketIOClient& socket, const std::optional<Js
 void SocketManager::disconnect() {
     socketLog(kLogType, [] { return "Manager closing"; });
     setStatus(SocketIOStatus::disconnected);
+    // A later connect that fails starts a loop of its own.
+    endReconnectLoop();
     if (engine_) engine_->disconnect("Disconnect");
 }
 
@@ -246,12 +254,13 @@ void SocketManager::engineDidWebsocketUpgrade(websocket::Headers headers) {
 }
 
 void SocketManager::_engineDidClose(const std::string& reason) {
-    waitingPackets.clear();
+    forgetWaitingPackets();
     if (status_ != SocketIOStatus::disconnected) setStatus(SocketIOStatus::notConnected);
     if (status_ == SocketIOStatus::disconnected || !reconnects) {
         didDisconnect(reason);
     } else if (!reconnecting) {
         reconnecting = true;
+        ++reconnectLoop_;
         tryReconnect(reason);
     }
 }
@@ -293,6 +302,8 @@ void SocketManager::_parseEngineMessage(const std::string& message) {
     if (!packet) return;
     if (isBinary(packet->type())) {
         waitingPackets.push_back(std::move(*packet));
+        waitingCosts_.push_back(message.size());
+        holdWaiting(message.size());
         return;
     }
     if (auto found = nsps.find(packet->nsp()); found != nsps.end()) {
@@ -302,12 +313,39 @@ void SocketManager::_parseEngineMessage(const std::string& message) {
 }
 
 void SocketManager::_parseEngineBinaryData(Bytes data) {
+    const bool awaited = !waitingPackets.empty();
+    if (awaited) {
+        // An empty attachment still costs its place.
+        waitingCosts_.back() += data.size() + 1;
+        if (!holdWaiting(data.size() + 1)) return;
+    }
     auto packet = parseBinaryData(std::move(data));
+    if (awaited && packet) {
+        waitingBytes_ -= waitingCosts_.back();
+        waitingCosts_.pop_back();
+    }
     if (!packet) return;
     if (auto found = nsps.find(packet->nsp()); found != nsps.end()) {
         auto client = found->second;
         client->handlePacket(*packet);
     }
+}
+
+bool SocketManager::holdWaiting(std::size_t bytes) {
+    waitingBytes_ += bytes;
+    if (waitingBytes_ <= limits_.maxMessageSize) return true;
+    socketError(kLogType, [] { return "Binary packets waiting for attachments passed the message size limit"; });
+    forgetWaitingPackets();
+    if (auto engine = engine_) {
+        engine->engineQueue()->async([engine] { engine->didError(messageTooBig()); });
+    }
+    return false;
+}
+
+void SocketManager::forgetWaitingPackets() {
+    waitingPackets.clear();
+    waitingCosts_.clear();
+    waitingBytes_ = 0;
 }
 
 void SocketManager::tryReconnect(const std::string& reason) {
@@ -323,6 +361,13 @@ void SocketManager::_tryReconnect() {
         didDisconnect("Reconnect Failed");
         return;
     }
+    if (engine_ && engine_->underWay()) {
+        // One engine connect at a time: this round waits for the one under way to end, or
+        // for the open the engine has not reported yet.
+        socketLog(kLogType, [] { return "Waiting for the engine's connect under way"; });
+        scheduleReconnect(std::max(reconnectInterval(currentReconnectAttempt), kMinimumRecheck));
+        return;
+    }
     socketLog(kLogType, [] { return "Trying to reconnect"; });
     const Json remaining = reconnectAttempts - currentReconnectAttempt;
     forAll([&](SocketIOClient& client) {
@@ -334,9 +379,15 @@ void SocketManager::_tryReconnect() {
     connect();
     const double interval = reconnectInterval(currentReconnectAttempt);
     socketLog(kLogType, [&] { return "Scheduling reconnect in " + Json(interval).dump() + "s"; });
-    handleQueue_->asyncAfter(std::chrono::duration_cast<Queue::Duration>(std::chrono::duration<double>(interval)),
-                             [weak = weak_from_this()] {
-                                 if (auto self = weak.lock()) self->_tryReconnect();
+    scheduleReconnect(interval);
+}
+
+void SocketManager::scheduleReconnect(double seconds) {
+    // The round belongs to this loop; once the loop has ended it does nothing.
+    handleQueue_->asyncAfter(std::chrono::duration_cast<Queue::Duration>(std::chrono::duration<double>(seconds)),
+                             [weak = weak_from_this(), loop = reconnectLoop_] {
+                                 auto self = weak.lock();
+                                 if (self && self->reconnectLoop_ == loop) self->_tryReconnect();
                              });
 }
 

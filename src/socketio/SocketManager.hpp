@@ -23,6 +23,11 @@ namespace kelvane::socketio {
 // and the binary packets waiting for attachments. Make it with std::make_shared. Everything
 // belongs to handleQueue (the main queue unless an option says otherwise): call it from there.
 // Engine reports may come from any queue; they hop to handleQueue.
+//
+// The binary packets waiting for their attachments (waitingPackets) hold together at most the
+// `limits` option's maxMessageSize: their texts, plus each attachment so far (an empty one
+// counted as one byte). A server that makes them hold more broke the protocol: they are
+// forgotten and the engine closes as for any protocol failure ("message too big", 1009).
 class SocketManager final : public SocketManagerSpec,
                             public SocketEngineClient,
                             public SocketParsable,
@@ -104,6 +109,11 @@ public:
     void _parseEngineBinaryData(Bytes data);
     void _engineDidWebsocketUpgrade(const websocket::Headers& headers);
 
+    // The reconnect loop. At most one runs at a time: a close while it runs starts no other,
+    // and a round scheduled by a loop that has ended (the engine opened, disconnect() was
+    // called, a later close started a new loop) does nothing. A round never starts an engine
+    // connect while one is under way, or while the session of one runs; it waits, without
+    // counting an attempt.
     void tryReconnect(const std::string& reason);
     void _tryReconnect();
     // Seconds before the next attempt.
@@ -112,6 +122,12 @@ public:
 private:
     template <class Work>
     void onHandleQueue(Work work);
+    void endReconnectLoop();
+    void scheduleReconnect(double seconds);
+    // Counts bytes into what the waiting binary packets hold; false (and the engine closing
+    // as for a protocol failure) once that passes the limit.
+    bool holdWaiting(std::size_t bytes);
+    void forgetWaitingPackets();
 
     URL socketURL_;
     std::shared_ptr<SocketEngineSpec> engine_;
@@ -119,6 +135,13 @@ private:
     SocketIOStatus status_ = SocketIOStatus::notConnected;
     SocketIOVersion version_ = SocketIOVersion::three;
     SocketIOClientConfiguration config_;
+    // Which loop a scheduled round belongs to.
+    std::uint64_t reconnectLoop_ = 0;
+    websocket::Limits limits_;
+    // What each waiting binary packet holds (its text, and each attachment so far plus one),
+    // and their sum.
+    std::vector<std::size_t> waitingCosts_;
+    std::size_t waitingBytes_ = 0;
 };
 
 }  // namespace kelvane::socketio

@@ -9,17 +9,22 @@
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
-#include <asio/strand.hpp>
 #include <asio/thread_pool.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <future>
+#include <mutex>
 #include <pthread.h>
 #include <thread>
+#include <vector>
 
 namespace kelvane {
 namespace {
+
+thread_local bool onNetworkThread = false;
 
 // One context and one thread for every serial queue and timer of the process. It is never
 // destroyed: queues may still post from static destructors and detached callbacks.
@@ -28,6 +33,7 @@ public:
     NetworkRuntime() : guard_(asio::make_work_guard(context_)) {
         thread_ = std::thread([this] {
             pthread_setname_np(pthread_self(), "kelvane-net");
+            onNetworkThread = true;
             context_.run();
         });
         thread_.detach();
@@ -45,26 +51,107 @@ private:
     std::thread thread_;
 };
 
-class StrandQueue final : public Queue {
-public:
-    explicit StrandQueue(std::string label)
-        : label_(std::move(label)), strand_(asio::make_strand(NetworkRuntime::shared().context())) {}
+class SerialQueue;
 
-    void async(Task task) override { asio::post(strand_, std::move(task)); }
+// The serial queues whose tasks are running on this thread, the innermost last. More than one
+// only while a synchronous hop runs in place.
+thread_local std::vector<const SerialQueue*> runningQueues;
+
+// A serial queue keeps its own list of tasks rather than being an asio strand, so that a
+// synchronous hop made on the network thread can run the queue's waiting tasks in place.
+class SerialQueue final : public Queue, public std::enable_shared_from_this<SerialQueue> {
+public:
+    explicit SerialQueue(std::string label) : label_(std::move(label)) {}
+
+    void async(Task task) override {
+        {
+            std::lock_guard lock(mutex_);
+            tasks_.push_back(std::move(task));
+            if (scheduled_) return;
+            scheduled_ = true;
+        }
+        schedule();
+    }
 
     void asyncAfter(Duration delay, Task task) override {
-        auto timer = std::make_shared<asio::steady_timer>(strand_, delay);
-        timer->async_wait([timer, task = std::move(task)](const asio::error_code& error) {
-            if (!error) task();
+        auto timer = std::make_shared<asio::steady_timer>(NetworkRuntime::shared().context(), delay);
+        timer->async_wait([timer, self = shared_from_this(), task = std::move(task)](const asio::error_code& error) mutable {
+            if (!error) self->async(std::move(task));
         });
     }
 
-    bool isCurrent() const override { return strand_.running_in_this_thread(); }
+    bool isCurrent() const override { return !runningQueues.empty() && runningQueues.back() == this; }
     const std::string& label() const override { return label_; }
 
+    bool runningOnThisThread() const {
+        return std::find(runningQueues.begin(), runningQueues.end(), this) != runningQueues.end();
+    }
+
+    // On the network thread, with this queue nowhere up the stack: what was posted before
+    // runs first, in order, then `task`; later posts wait their turn as usual.
+    void runInPlace(const Task& task) {
+        std::size_t before = 0;
+        {
+            std::lock_guard lock(mutex_);
+            before = tasks_.size();
+        }
+        for (; before > 0; --before) {
+            Task waiting;
+            {
+                std::lock_guard lock(mutex_);
+                if (tasks_.empty()) break;
+                waiting = std::move(tasks_.front());
+                tasks_.pop_front();
+            }
+            run(waiting);
+        }
+        run(task);
+    }
+
+    void run(const Task& task) const {
+        runningQueues.push_back(this);
+        struct Pop {
+            ~Pop() { runningQueues.pop_back(); }
+        } pop;
+        task();
+    }
+
 private:
+    void schedule() {
+        asio::post(NetworkRuntime::shared().context(), [self = shared_from_this()] { self->drain(); });
+    }
+
+    // One turn runs what was waiting when it began, then lets the other queues have theirs.
+    void drain() {
+        std::size_t turn = 0;
+        {
+            std::lock_guard lock(mutex_);
+            turn = tasks_.size();
+        }
+        for (; turn > 0; --turn) {
+            Task task;
+            {
+                std::lock_guard lock(mutex_);
+                if (tasks_.empty()) break;
+                task = std::move(tasks_.front());
+                tasks_.pop_front();
+            }
+            run(task);
+        }
+        {
+            std::lock_guard lock(mutex_);
+            if (tasks_.empty()) {
+                scheduled_ = false;
+                return;
+            }
+        }
+        schedule();
+    }
+
     std::string label_;
-    asio::strand<asio::io_context::executor_type> strand_;
+    std::mutex mutex_;
+    std::deque<Task> tasks_;
+    bool scheduled_ = false;
 };
 
 thread_local bool onGlobalQueue = false;
@@ -111,6 +198,13 @@ void Queue::sync(Task task) {
         task();
         return;
     }
+    if (auto* serial = dynamic_cast<SerialQueue*>(this)) {
+        // A hop back onto a queue whose task waits further up this stack: in place, as from
+        // that queue itself.
+        if (serial->runningOnThisThread()) return serial->run(task);
+        // Waiting here would block the one thread that could run the task.
+        if (onNetworkThread) return serial->runInPlace(task);
+    }
     std::promise<void> done;
     auto finished = done.get_future();
     async([&] {
@@ -129,7 +223,7 @@ std::shared_ptr<Queue> Queue::main() {
 }
 
 std::shared_ptr<Queue> Queue::makeSerial(std::string label) {
-    return std::make_shared<StrandQueue>(std::move(label));
+    return std::make_shared<SerialQueue>(std::move(label));
 }
 
 std::shared_ptr<Queue> Queue::global() {

@@ -75,6 +75,11 @@ TEST(SocketEngine, BuildsItsURLs) {
               "https://h.example:8443/custom/?transport=polling&b64=1&a%20b=c%26d%2F%C3%A9&n=1&EIO=4");
     EXPECT_EQ(engine->urlWebSocket().absoluteString(),
               "wss://h.example:8443/custom/?transport=websocket&a%20b=c%26d%2F%C3%A9&n=1&EIO=4");
+    // Every delimiter and quote is encoded; what no URL carries is too, so the URL stays whole.
+    auto all = makeEngine(client, "http://h.example/", {Option::connectParams({{"k", "!*'();:@&=+$,/?%#[]\" {}^|-._~<`\t"}})});
+    EXPECT_EQ(all->urlPolling().absoluteString(),
+              "http://h.example/engine.io/?transport=polling&b64=1&k=%21%2A%27%28%29%3B%3A%40%26%3D%2B%24%2C%2F%3F%25%23"
+              "%5B%5D%22%20%7B%7D%5E%7C-._~%3C%60%09&EIO=4");
 
     // Anything that spells EIO stands in for the revision's parameter.
     auto two = makeEngine(client, "https://h.example/", {Option::version(SocketIOVersion::two),

@@ -36,6 +36,7 @@ public:
     const std::shared_ptr<Queue>& engineQueue() const override { return queue_; }
     void setClient(std::weak_ptr<SocketEngineClient>) override {}
     bool setConfigs(const SocketIOClientConfiguration&) override { return false; }
+    bool underWay() const override { return false; }
     void connect() override {}
     void disconnect(std::string) override {}
     void send(std::string text, std::vector<Bytes> data, Completion completion) override {

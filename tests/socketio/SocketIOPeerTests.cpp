@@ -6,8 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <deque>
+#include <functional>
 
 namespace kelvane::socketio {
 namespace {
@@ -87,6 +90,8 @@ protected:
         EXPECT_TRUE(answers.waitFor("ack"));
         return answers.itemsOf("ack");
     }
+
+    void restartFiftyTimes(SocketIOClientConfiguration config);
 
     // Logs outlive the manager, whose handlers write to them until TearDown releases it.
     EventLog& makeLog() { return logs.emplace_back(); }
@@ -347,6 +352,131 @@ TEST_F(SocketIOPeer, FrozenServerTimesOutPingsAndComesBack) {
     server->signal(SIGCONT);
     ASSERT_TRUE(log.waitFor("connect ", 2));
     EXPECT_EQ(Json(echo(socket, {"back"})), Json::parse(R"(["back"])"));
+}
+
+// The server's own counts ("stats" on its standard input).
+Json serverStats(const PeerProcess& server, const std::string& tag) {
+    server.writeLine("stats " + tag);
+    auto line = server.waitForLine("STATS " + tag + " ");
+    return line ? Json::parse(line->substr(7 + tag.size())) : Json();
+}
+
+// 50 times in quick succession the server drops every connection unannounced and listens
+// again after a few milliseconds. Each restart must give one reconnect, one Engine.IO session
+// on the server, one `connect`, and the ack asked for on that connect.
+void SocketIOPeer::restartFiftyTimes(SocketIOClientConfiguration config) {
+    startServer({{"quiet", true}});
+    config.insert(Option::reconnectWait(0));
+    config.insert(Option::reconnectWaitMax(0));
+    makeManager(config);
+    EventLog& log = makeLog();
+    EventLog& answers = makeLog();
+    onQueue([&] {
+        auto socket = manager->defaultSocket();
+        log.attach(*socket);
+        socket->on(SocketClientEvent::connect, [&, weak = std::weak_ptr<SocketIOClient>(socket)](auto&, auto&) {
+            const auto round = static_cast<int>(log.count("connect "));
+            weak.lock()->emitWithAck("echo", {round}).timingOut(10, [&answers](const std::vector<Json>& data) {
+                answers.add("ack " + printed(data), data);
+            });
+        });
+        socket->connect();
+    });
+    constexpr std::size_t restarts = 50;
+    for (std::size_t round = 1; round <= restarts + 1; ++round) {
+        ASSERT_TRUE(log.waitFor("connect ", round)) << "no connect after restart " << round - 1;
+        ASSERT_TRUE(answers.waitFor("ack ", round)) << "no ack after restart " << round - 1;
+        if (round <= restarts) server->writeLine("restart " + std::to_string(round) + " " + std::to_string(round % 6));
+    }
+    auto stats = serverStats(*server, "end");
+    std::printf("figure restarts %zu reconnectAttempt %zu server %s\n", restarts, log.count("reconnectAttempt "),
+                stats.dump().c_str());
+    EXPECT_EQ(stats["sessions"], restarts + 1);
+    EXPECT_EQ(stats["connects"], restarts + 1);
+    EXPECT_EQ(log.count("connect "), restarts + 1);
+    EXPECT_EQ(log.count("reconnect "), restarts);
+    for (std::size_t round = 1; round <= restarts + 1; ++round) {
+        EXPECT_EQ(answers.count("ack [" + std::to_string(round) + "]"), 1u) << round;
+    }
+    EXPECT_EQ(answers.count("ack [\"NO ACK\"]"), 0u);
+}
+
+TEST_F(SocketIOPeer, FiftyQuickRestartsOverWebSocket) { restartFiftyTimes({Option::forceWebsockets(true)}); }
+TEST_F(SocketIOPeer, FiftyQuickRestartsOverPolling) { restartFiftyTimes({Option::forcePolling(true)}); }
+TEST_F(SocketIOPeer, FiftyQuickRestartsWithUpgrades) { restartFiftyTimes({}); }
+
+// A message past the limit closes the engine as a protocol failure, with the same words on
+// both transports.
+TEST_F(SocketIOPeer, AMessagePastTheLimitClosesTheEngineOnEitherTransport) {
+    startServer({{"quiet", true}});
+    websocket::Limits limits;
+    limits.maxMessageSize = 1024;
+    for (bool polling : {false, true}) {
+        SCOPED_TRACE(polling ? "polling" : "websocket");
+        makeManager({polling ? Option::forcePolling(true) : Option::forceWebsockets(true), Option::limits(limits),
+                     Option::reconnects(false)});
+        EventLog& log = makeLog();
+        connectSocket("/", log);
+        server->writeLine("emit / big [\"" + std::string(1000, 'x') + "\"]");
+        ASSERT_TRUE(log.waitFor("big "));
+        server->writeLine("emit / big [\"" + std::string(2000, 'x') + "\"]");
+        ASSERT_TRUE(log.waitFor("disconnect "));
+        EXPECT_EQ(log.first("error "), R"(error ["message too big. code=1009, type=protocolError"])");
+        EXPECT_EQ(log.count("big "), 1u);
+        TearDown();
+    }
+}
+
+// The server holds the POST that carries the first emits until it has answered the probe, so
+// that the POST is under way while the client may switch to the WebSocket. Over 200 sessions,
+// every ack comes back, in the order of the emits.
+TEST_F(SocketIOPeer, UpgradeWithAPostUnderWayLosesNothing) {
+    startServer({{"quiet", true}, {"holdUpgrade", true}});
+    constexpr int runs = 200;
+    constexpr int emits = 4;
+    std::size_t lost = 0;
+    std::size_t upgraded = 0;
+    for (int run = 0; run < runs; ++run) {
+        makeManager({});
+        EventLog& log = makeLog();
+        EventLog& answers = makeLog();
+        onQueue([&] {
+            auto socket = manager->defaultSocket();
+            log.attach(*socket);
+            socket->on(SocketClientEvent::connect, [&, weak = std::weak_ptr<SocketIOClient>(socket)](auto&, auto&) {
+                auto self = weak.lock();
+                for (int i = 0; i < emits; ++i) {
+                    std::vector<SocketItem> items{i};
+                    if (i == 1) items.emplace_back(Json::binary({static_cast<std::uint8_t>(run)}));
+                    self->emitWithAck("echo", items).timingOut(3, [&answers](const std::vector<Json>& data) {
+                        answers.add(data.at(0) == kNoAck ? "lost" : "ack " + data.at(0).dump(), data);
+                    });
+                }
+            });
+            socket->connect();
+        });
+        ASSERT_TRUE(log.waitFor("connect ")) << run;
+        ASSERT_TRUE(answers.waitFor("", emits)) << run;
+        lost += answers.count("lost");
+        // Those that came, in the order of their emits.
+        std::vector<int> order;
+        for (const auto& line : answers.lines()) {
+            if (line.starts_with("ack ")) order.push_back(std::stoi(line.substr(4)));
+        }
+        EXPECT_TRUE(std::adjacent_find(order.begin(), order.end(), std::greater_equal<>()) == order.end()) << run;
+        if (answers.count("ack 1") == 1) {
+            EXPECT_EQ(answers.itemsOf("ack 1").at(1), Json::binary({static_cast<std::uint8_t>(run)})) << run;
+        }
+        upgraded += log.count("websocketUpgrade ");
+        TearDown();
+    }
+    auto stats = serverStats(*server, "end");
+    std::printf("figure upgrade-runs %d lost-acks %zu server %s\n", runs, lost, stats.dump().c_str());
+    EXPECT_EQ(lost, 0u);
+    EXPECT_EQ(upgraded, static_cast<std::size_t>(runs));
+    // The road under test was taken in every run.
+    EXPECT_GE(stats["heldAcrossUpgrade"], runs);
+    EXPECT_EQ(stats["echoes"], runs * emits);
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 namespace kelvane::socketio {
 namespace {
 
@@ -24,6 +26,7 @@ public:
         cutOff = client.expired();
     }
     bool setConfigs(const SocketIOClientConfiguration&) override { return true; }
+    bool underWay() const override { return busy; }
     void connect() override { calls.push_back("connect"); }
     void disconnect(std::string reason) override { calls.push_back("disconnect " + reason); }
     void send(std::string text, std::vector<Bytes>, Completion completion) override {
@@ -33,7 +36,7 @@ public:
     void write(std::string text, SocketEnginePacketType, std::vector<Bytes>, Completion) override {
         calls.push_back("write " + text);
     }
-    void didError(std::string) override {}
+    void didError(std::string reason) override { errors.push_back(std::move(reason)); }
     void doFastUpgrade() override {}
     void flushWaitingForPostToWebSocket() override {}
     void parseEngineData(Bytes) override {}
@@ -41,6 +44,8 @@ public:
 
     std::vector<std::string> calls;
     bool cutOff = false;
+    bool busy = false;
+    std::vector<std::string> errors;
 
 private:
     std::shared_ptr<Queue> queue_;
@@ -186,6 +191,80 @@ TEST_F(SocketManagerTest, LoopEndsOnOpenAndRespectsLimits) {
     queue->runUntilIdle();
     EXPECT_EQ(second.lines().back(), R"(disconnect ["Disconnect"])");
     EXPECT_EQ(second.count("reconnect "), 1u);
+}
+
+TEST_F(SocketManagerTest, OneReconnectLoopAtATime) {
+    make({});
+    EventLog log;
+    connected(log);
+    auto& engine = *engines[0];
+    auto connects = [&] { return std::count(engine.calls.begin(), engine.calls.end(), "connect"); };
+    manager->engineDidClose("Socket Disconnected");
+    queue->runUntilIdle();
+    EXPECT_EQ(connects(), 2);
+    // The engine opens: the loop ends, its next round (due at 15 s) with it.
+    queue->advance(5s);
+    manager->engineDidOpen("Connect");
+    manager->parseEngineMessage("0");
+    queue->runUntilIdle();
+    // A drop before that round is due starts one new loop, and the old round does nothing.
+    queue->advance(5s);
+    manager->engineDidClose("Socket Disconnected");
+    queue->runUntilIdle();
+    EXPECT_EQ(log.count("reconnect "), 2u);
+    EXPECT_EQ(log.count("reconnectAttempt "), 2u);
+    queue->advance(5s);
+    EXPECT_EQ(log.count("reconnectAttempt "), 2u);
+    EXPECT_EQ(connects(), 3);
+
+    // A round that finds the engine still connecting waits for it, and counts nothing.
+    engine.busy = true;
+    queue->advance(10s);
+    EXPECT_EQ(log.count("reconnectAttempt "), 2u);
+    EXPECT_EQ(connects(), 3);
+    engine.busy = false;
+    queue->advance(15s);
+    EXPECT_EQ(log.count("reconnectAttempt "), 3u);
+    EXPECT_EQ(log.lines().back(), "reconnectAttempt [-2]");
+    EXPECT_EQ(connects(), 4);
+
+    // disconnect() ends the loop; a connect that then fails starts a new one.
+    manager->disconnect();
+    queue->advance(60s);
+    EXPECT_EQ(log.count("reconnectAttempt "), 3u);
+    EXPECT_FALSE(manager->reconnecting);
+    manager->connect();
+    manager->engineDidClose("Socket Disconnected");
+    queue->runUntilIdle();
+    EXPECT_EQ(log.count("reconnect "), 3u);
+    EXPECT_EQ(log.lines().back(), "reconnectAttempt [-1]");
+}
+
+TEST_F(SocketManagerTest, WaitingBinaryPacketsHoldNoMoreThanAMessage) {
+    websocket::Limits limits;
+    limits.maxMessageSize = 100;
+    make({Option::limits(limits)});
+    EventLog log;
+    connected(log);
+    // Attachments that complete their packet are given back, and hold nothing after.
+    for (int i = 0; i < 10; ++i) {
+        manager->parseEngineMessage(R"(51-["file",{"_placeholder":true,"num":0}])");
+        manager->parseEngineBinaryData(Bytes(40, 1));
+    }
+    queue->runUntilIdle();
+    EXPECT_EQ(log.count("file "), 10u);
+    EXPECT_TRUE(engines[0]->errors.empty());
+    // Packets that wait together for more than a message: the engine closes as for a protocol
+    // failure, and what waited is forgotten.
+    manager->parseEngineMessage(R"(52-["file",{"_placeholder":true,"num":0},{"_placeholder":true,"num":1}])");
+    manager->parseEngineBinaryData(Bytes(20, 1));
+    manager->parseEngineMessage(R"(51-["more",{"_placeholder":true,"num":0}])");
+    queue->runUntilIdle();
+    EXPECT_EQ(engines[0]->errors, (std::vector<std::string>{"message too big. code=1009, type=protocolError"}));
+    EXPECT_TRUE(manager->waitingPackets.empty());
+    manager->parseEngineBinaryData(Bytes(1, 1));
+    queue->runUntilIdle();
+    EXPECT_EQ(log.count("file "), 10u);
 }
 
 TEST_F(SocketManagerTest, ReconnectIntervalStaysWithinItsBounds) {

@@ -108,6 +108,28 @@ TEST(SerialQueue, SyncFromTheSameQueueRunsInPlace) {
     EXPECT_TRUE(ran);
 }
 
+// Every serial queue runs on the one network thread, so a hop from one onto another used to
+// wait for a thread that was the waiter itself.
+TEST(SerialQueue, SyncFromAnotherSerialQueueRunsAfterWhatWasPostedThere) {
+    auto caller = Queue::makeSerial("test.caller");
+    auto target = Queue::makeSerial("test.target");
+    auto order = std::make_shared<std::vector<std::string>>();
+    auto done = std::make_shared<std::promise<void>>();
+    auto finished = done->get_future();
+    caller->async([caller, target, order, done] {
+        target->async([order] { order->push_back("posted before"); });
+        target->sync([&] {
+            order->push_back(target->isCurrent() && !caller->isCurrent() ? "on target" : "elsewhere");
+            // A hop back onto the waiting queue runs in place, as from the queue itself.
+            caller->sync([&] { order->push_back("back on caller"); });
+        });
+        order->push_back("after");
+        done->set_value();
+    });
+    ASSERT_EQ(finished.wait_for(10s), std::future_status::ready) << "the hop deadlocked the network thread";
+    EXPECT_EQ(*order, (std::vector<std::string>{"posted before", "on target", "back on caller", "after"}));
+}
+
 TEST(SerialQueue, DelayedTasksRunAfterImmediateOnesOnTheSameQueue) {
     auto queue = Queue::makeSerial("test.timer");
     std::promise<std::vector<std::string>> done;
