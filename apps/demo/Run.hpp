@@ -46,7 +46,7 @@ public:
     void closed(Clock::time_point at, const std::string& reason);
     void transactionRequested(Clock::time_point at, const kelvane::Json& payload);
 
-    // What the inspector sees.
+    // What the watchers see.
     void flowShown(const std::shared_ptr<kelvane::ViewController>& flow);
     void pageFinished();
     // The page posted `event`; `deliver` hands it to the library, now or a frame later.

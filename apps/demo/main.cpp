@@ -3,10 +3,10 @@
 // A host installs the desktop platform before its first call into the library, keeps one
 // KelvaneApp, implements kelvane::KelvaneService (the library's only way back to it), calls
 // sdkInit once at start-up, and hands each transaction to the KelvaneApp on the main thread.
-// Everything else in this folder (options, minting at the sandbox, the inspector that watches
+// Everything else in this folder (options, minting at the sandbox, the watchers over
 // the flow, the summary) belongs to the demo, not to the integration.
 
-#include "Inspector.hpp"
+#include "Watchers.hpp"
 #include "Options.hpp"
 #include "Run.hpp"
 #include "Screen.hpp"
@@ -123,9 +123,9 @@ int main(int argc, char** argv) {
     demo::Run run(options, screen);
 
     // 1. The platform: the desktop's ports, installed before the first call into the library.
-    //    The demo wraps a few of them to watch the flow (Inspector.cpp); a host has no need to.
+    //    The demo wraps a few of them to watch the flow (Watchers.cpp); a host has no need to.
     kelvane::platform::Platform ports = kelvane::gtk::makePlatform(kBundleIdentifier, options.appVersion);
-    demo::inspect(ports, run, [&](const std::string& url) {
+    demo::watch(ports, run, [&](const std::string& url) {
         // The other app of a hand-off opened the host again through its scheme: the host
         // passes the URL on, and the library takes it back to the open flow.
         app->onDeeplinkRequest(service, url);

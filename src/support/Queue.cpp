@@ -90,21 +90,7 @@ public:
     // On the network thread, with this queue nowhere up the stack: what was posted before
     // runs first, in order, then `task`; later posts wait their turn as usual.
     void runInPlace(const Task& task) {
-        std::size_t before = 0;
-        {
-            std::lock_guard lock(mutex_);
-            before = tasks_.size();
-        }
-        for (; before > 0; --before) {
-            Task waiting;
-            {
-                std::lock_guard lock(mutex_);
-                if (tasks_.empty()) break;
-                waiting = std::move(tasks_.front());
-                tasks_.pop_front();
-            }
-            run(waiting);
-        }
+        runWaiting();
         run(task);
     }
 
@@ -121,14 +107,14 @@ private:
         asio::post(NetworkRuntime::shared().context(), [self = shared_from_this()] { self->drain(); });
     }
 
-    // One turn runs what was waiting when it began, then lets the other queues have theirs.
-    void drain() {
-        std::size_t turn = 0;
+    // Runs the tasks that were waiting when it began, in order; later ones wait their turn.
+    void runWaiting() {
+        std::size_t count = 0;
         {
             std::lock_guard lock(mutex_);
-            turn = tasks_.size();
+            count = tasks_.size();
         }
-        for (; turn > 0; --turn) {
+        for (; count > 0; --count) {
             Task task;
             {
                 std::lock_guard lock(mutex_);
@@ -138,6 +124,11 @@ private:
             }
             run(task);
         }
+    }
+
+    // One turn runs what was waiting when it began, then lets the other queues have theirs.
+    void drain() {
+        runWaiting();
         {
             std::lock_guard lock(mutex_);
             if (tasks_.empty()) {

@@ -91,6 +91,20 @@ protected:
         return answers.itemsOf("ack");
     }
 
+    // Connects the default namespace without waiting; `onConnect` runs on the handle queue at
+    // each of its connects.
+    void connectDefaultSocket(EventLog& log, std::function<void(SocketIOClient&)> onConnect) {
+        onQueue([&] {
+            auto socket = manager->defaultSocket();
+            log.attach(*socket);
+            socket->on(SocketClientEvent::connect,
+                       [onConnect = std::move(onConnect), weak = std::weak_ptr<SocketIOClient>(socket)](auto&, auto&) {
+                           if (auto self = weak.lock()) onConnect(*self);
+                       });
+            socket->connect();
+        });
+    }
+
     void restartFiftyTimes(SocketIOClientConfiguration config);
 
     // Logs outlive the manager, whose handlers write to them until TearDown releases it.
@@ -371,16 +385,11 @@ void SocketIOPeer::restartFiftyTimes(SocketIOClientConfiguration config) {
     makeManager(config);
     EventLog& log = makeLog();
     EventLog& answers = makeLog();
-    onQueue([&] {
-        auto socket = manager->defaultSocket();
-        log.attach(*socket);
-        socket->on(SocketClientEvent::connect, [&, weak = std::weak_ptr<SocketIOClient>(socket)](auto&, auto&) {
-            const auto round = static_cast<int>(log.count("connect "));
-            weak.lock()->emitWithAck("echo", {round}).timingOut(10, [&answers](const std::vector<Json>& data) {
-                answers.add("ack " + printed(data), data);
-            });
+    connectDefaultSocket(log, [&](SocketIOClient& socket) {
+        const auto round = static_cast<int>(log.count("connect "));
+        socket.emitWithAck("echo", {round}).timingOut(10, [&answers](const std::vector<Json>& data) {
+            answers.add("ack " + printed(data), data);
         });
-        socket->connect();
     });
     constexpr std::size_t restarts = 50;
     for (std::size_t round = 1; round <= restarts + 1; ++round) {
@@ -440,20 +449,14 @@ TEST_F(SocketIOPeer, UpgradeWithAPostUnderWayLosesNothing) {
         makeManager({});
         EventLog& log = makeLog();
         EventLog& answers = makeLog();
-        onQueue([&] {
-            auto socket = manager->defaultSocket();
-            log.attach(*socket);
-            socket->on(SocketClientEvent::connect, [&, weak = std::weak_ptr<SocketIOClient>(socket)](auto&, auto&) {
-                auto self = weak.lock();
-                for (int i = 0; i < emits; ++i) {
-                    std::vector<SocketItem> items{i};
-                    if (i == 1) items.emplace_back(Json::binary({static_cast<std::uint8_t>(run)}));
-                    self->emitWithAck("echo", items).timingOut(3, [&answers](const std::vector<Json>& data) {
-                        answers.add(data.at(0) == kNoAck ? "lost" : "ack " + data.at(0).dump(), data);
-                    });
-                }
-            });
-            socket->connect();
+        connectDefaultSocket(log, [&answers, run](SocketIOClient& socket) {
+            for (int i = 0; i < emits; ++i) {
+                std::vector<SocketItem> items{i};
+                if (i == 1) items.emplace_back(Json::binary({static_cast<std::uint8_t>(run)}));
+                socket.emitWithAck("echo", items).timingOut(3, [&answers](const std::vector<Json>& data) {
+                    answers.add(data.at(0) == kNoAck ? "lost" : "ack " + data.at(0).dump(), data);
+                });
+            }
         });
         ASSERT_TRUE(log.waitFor("connect ")) << run;
         ASSERT_TRUE(answers.waitFor("", emits)) << run;

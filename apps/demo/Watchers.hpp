@@ -23,7 +23,7 @@ class Run;
 
 // `appReturn` is how the stand-in partner app opens the host app again: the host passes the
 // URL to KelvaneApp::onDeeplinkRequest. Main thread.
-void inspect(kelvane::platform::Platform& ports, Run& run, std::function<void(const std::string& url)> appReturn);
+void watch(kelvane::platform::Platform& ports, Run& run, std::function<void(const std::string& url)> appReturn);
 
 // The outcome of an answer the library evaluates in the page: "success:true" or
 // "success:false" for a record with a "success" field, "answered" otherwise; the event's name

@@ -1,4 +1,4 @@
-#include "Inspector.hpp"
+#include "Watchers.hpp"
 
 #include "Run.hpp"
 
@@ -236,7 +236,7 @@ private:
 
 }  // namespace
 
-void inspect(Platform& ports, Run& run, std::function<void(const std::string&)> appReturn) {
+void watch(Platform& ports, Run& run, std::function<void(const std::string&)> appReturn) {
     ports.webViews = std::make_shared<WatchedWebViews>(ports.webViews, run);
     ports.viewSystem = std::make_shared<WatchedScreens>(ports.viewSystem, run);
     ports.urlOpener = std::make_shared<PartnerApp>(ports.urlOpener, run, std::move(appReturn));
