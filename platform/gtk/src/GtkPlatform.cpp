@@ -36,7 +36,9 @@ std::filesystem::path keyValueStoreFile(const std::string& bundleIdentifier) {
     return base / bundleIdentifier / "defaults.json";
 }
 
-platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion) {
+platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion,
+                                const DesktopOptions& options) {
+    (void)options;
     platform::Platform ports;
     ports.mainQueue = std::make_shared<MainContextQueue>();
     auto viewSystem = std::make_shared<DesktopViewSystem>();

@@ -10,19 +10,31 @@
 #include <kelvane/platform/Platform.hpp>
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 typedef struct _GtkWidget GtkWidget;
 
 namespace kelvane::gtk {
 
+// How the desktop ports behave where a host may choose.
+struct DesktopOptions {
+    // Device-owner authentication: the PAM service that checks the logged-in user's password.
+    std::string pamService = "login";
+    // Camera: PNG images read in turn instead of a video device, for hosts without a camera.
+    std::vector<std::filesystem::path> qrImages;
+    // Face verification: play a session that connects, processes and succeeds, instead of
+    // failing for want of a face-verification library.
+    bool scriptedFaceVerification = false;
+};
+
 // Every desktop port, for the host's bundle identifier (also the name of its folders under
-// the XDG directories and the seed of its vendor identifier) and short version. The ports the
-// desktop lacks (local authentication, passkeys, camera, location, face verification) and
-// HTTP are left empty, so the library's stand-ins serve. Main thread, after GTK is
-// initialised.
-KELVANE_EXPORT platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion);
+// the XDG directories and the seed of its vendor identifier) and short version. HTTP is left
+// empty, so the library's own client serves. Main thread, after GTK is initialised.
+KELVANE_EXPORT platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion,
+                                               const DesktopOptions& options = {});
 
 // Opens a window whose root screen is `root`, runs the root's lifecycle, and makes it the key
 // window of the desktop view system: the installed one, or, when the host installed a
