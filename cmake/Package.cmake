@@ -27,6 +27,7 @@ if(TARGET kelvane-gtk)
   install(EXPORT kelvaneGtkTargets NAMESPACE kelvane:: DESTINATION ${KELVANE_CMAKE_DIR})
 endif()
 
+list(JOIN KELVANE_GTK_MODULES " " KELVANE_GTK_MODULES_TEXT)
 configure_package_config_file(cmake/kelvaneConfig.cmake.in
   ${PROJECT_BINARY_DIR}/package/kelvaneConfig.cmake
   INSTALL_DESTINATION ${KELVANE_CMAKE_DIR})
