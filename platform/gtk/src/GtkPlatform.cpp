@@ -1,5 +1,6 @@
 #include <kelvane/gtk/GtkPlatform.hpp>
 
+#include "DesktopPasskeys.hpp"
 #include "DesktopServices.hpp"
 #include "GtkViewSystem.hpp"
 #include "GtkWebView.hpp"
@@ -38,7 +39,6 @@ std::filesystem::path keyValueStoreFile(const std::string& bundleIdentifier) {
 
 platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion,
                                 const DesktopOptions& options) {
-    (void)options;
     platform::Platform ports;
     ports.mainQueue = std::make_shared<MainContextQueue>();
     auto viewSystem = std::make_shared<DesktopViewSystem>();
@@ -52,6 +52,7 @@ platform::Platform makePlatform(const std::string& bundleIdentifier, const std::
     ports.networkPaths = std::make_shared<LinuxNetworkPaths>();
     ports.urlOpener = std::make_shared<GioURLOpener>();
     ports.documents = std::make_shared<XdgDocuments>();
+    ports.passkeys = std::make_shared<DesktopPasskeys>(options.passkeyRelyingParties);
     return ports;
 }
 

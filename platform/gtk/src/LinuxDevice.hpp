@@ -18,8 +18,8 @@ public:
     std::string systemVersion() const override { return systemVersion_; }
     std::optional<std::string> identifierForVendor() const override { return vendor_; }
     bool isSimulator() const override { return false; }
-    // No platform authenticator on the desktop.
-    bool supportsPasskeys() const override { return false; }
+    // The software platform authenticator and libfido2 are always there.
+    bool supportsPasskeys() const override { return true; }
 
 private:
     std::string model_;

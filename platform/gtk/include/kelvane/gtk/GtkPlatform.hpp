@@ -28,6 +28,11 @@ struct DesktopOptions {
     // Face verification: play a session that connects, processes and succeeds, instead of
     // failing for want of a face-verification library.
     bool scriptedFaceVerification = false;
+    // Passkeys: the relying party ids (bare host names, say "example.com") whose passkeys and
+    // security-key credentials this host's pages may make and use, as an app's associated
+    // domains. A ceremony for any other ends with an error; empty allows none. The client data
+    // names https://<relying party id> as the origin.
+    std::vector<std::string> passkeyRelyingParties;
 };
 
 // Every desktop port, for the host's bundle identifier (also the name of its folders under
