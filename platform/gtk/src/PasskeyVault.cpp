@@ -26,8 +26,8 @@ std::string describe(const char* what, GError* error) {
     return text;
 }
 
-// The session bus's address, without D-Bus's fallback of launching a bus for an X display:
-// a bus that lives and dies with this process would keep no passkey.
+// Whether a session bus is there to be had, without D-Bus's fallback of launching one for an X
+// display: a bus that lives and dies with this process would keep no passkey.
 std::optional<std::string> sessionBusAddress() {
     if (const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS"); address && *address) return address;
     if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime) {
@@ -50,43 +50,25 @@ struct Attributes {
 }  // namespace
 
 struct PasskeyVault::Handles {
-    GDBusConnection* connection = nullptr;
     SecretService* service = nullptr;
-    ~Handles() {
-        g_clear_object(&service);
-        if (connection) {
-            g_dbus_connection_close_sync(connection, nullptr, nullptr);
-            g_object_unref(connection);
-        }
-    }
+    ~Handles() { g_clear_object(&service); }
 };
 
 PasskeyVault::PasskeyVault(std::unique_ptr<Handles> handles) : handles_(std::move(handles)) {}
 PasskeyVault::~PasskeyVault() = default;
 
 Result<std::unique_ptr<PasskeyVault>> PasskeyVault::open() {
-    auto address = sessionBusAddress();
-    if (!address) {
+    if (!sessionBusAddress()) {
         return passkeyError(passkeyStoreUnavailable,
                             "The Secret Service cannot be reached: no D-Bus session bus (DBUS_SESSION_BUS_ADDRESS is "
                             "not set)");
     }
     auto handles = std::make_unique<Handles>();
     GError* error = nullptr;
-    // A connection of its own rather than the process's shared one, which would end the
-    // process should the bus go away.
-    handles->connection = g_dbus_connection_new_for_address_sync(
-        address->c_str(),
-        GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    if (!handles->connection) {
-        return passkeyError(passkeyStoreUnavailable, describe("The Secret Service cannot be reached", error));
-    }
-    handles->service = static_cast<SecretService*>(g_initable_new(
-        SECRET_TYPE_SERVICE, nullptr, &error, "flags", SECRET_SERVICE_OPEN_SESSION, "g-flags", G_DBUS_PROXY_FLAGS_NONE,
-        "g-connection", handles->connection, "g-name", "org.freedesktop.secrets", "g-object-path",
-        "/org/freedesktop/secrets", "g-interface-name", "org.freedesktop.Secret.Service", nullptr));
+    // A service object of its own (not libsecret's shared one, which keeps its first bus for
+    // good), on the process's session bus connection.
+    handles->service = secret_service_open_sync(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_OPEN_SESSION, nullptr,
+                                                &error);
     if (!handles->service) {
         return passkeyError(passkeyStoreUnavailable, describe("The Secret Service is not available", error));
     }

@@ -14,8 +14,8 @@ namespace kelvane::gtk {
 // "signCount": n}. Every call blocks on D-Bus: worker threads only.
 class PasskeyVault {
 public:
-    // Connects afresh to the session bus named by DBUS_SESSION_BUS_ADDRESS (or
-    // $XDG_RUNTIME_DIR/bus; never one launched on the fly). An error when there is no bus, no
+    // Opens the Secret Service on the process's session bus, the one DBUS_SESSION_BUS_ADDRESS
+    // (or $XDG_RUNTIME_DIR/bus) names; never one launched on the fly. An error when there is no bus, no
     // Secret Service on it, no default keyring, or a locked one: nothing here asks the user to
     // unlock it.
     static Result<std::unique_ptr<PasskeyVault>> open();
