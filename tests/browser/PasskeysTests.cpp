@@ -22,11 +22,11 @@
 #include <openssl/rand.h>
 #include <openssl/x509.h>
 
-#include <csignal>
 #include <sys/prctl.h>
+
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 using namespace kelvane;
 using namespace kelvane::browser;
@@ -119,7 +119,23 @@ public:
         }
         g_bus_unwatch_name(watch);
         EXPECT_TRUE(*appeared) << "no Secret Service on the private bus";
-        ready_ = *appeared;
+        // The process's shared connection, which libsecret uses, must be on this bus and not on
+        // one the process met before: a test must never write to a user's keyring.
+        GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+        GVariant* onThisBus = shared ? g_dbus_connection_call_sync(
+                                           watcher_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                           "org.freedesktop.DBus", "NameHasOwner",
+                                           g_variant_new("(s)", g_dbus_connection_get_unique_name(shared)),
+                                           G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr)
+                                     : nullptr;
+        gboolean same = FALSE;
+        if (onThisBus) {
+            g_variant_get(onThisBus, "(b)", &same);
+            g_variant_unref(onThisBus);
+        }
+        if (shared) g_object_unref(shared);
+        EXPECT_TRUE(same) << "the process's session bus is another one";
+        ready_ = *appeared && same;
     }
 
     ~PrivateSecretService() {
