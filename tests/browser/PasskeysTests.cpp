@@ -358,6 +358,7 @@ TEST_F(Passkeys, ARelyingPartyVerifiesTheRegistrationAndEachAssertionWithARising
     EXPECT_EQ(publicPointOf(privateKey), fromBase64url(credential["point"].get<std::string>()));
     std::ifstream storeFile(gtk::keyValueStoreFile(kBundle));
     std::string storeText((std::istreambuf_iterator<char>(storeFile)), std::istreambuf_iterator<char>());
+    EXPECT_NE(storeText.find("device_id"), std::string::npos) << "the page's answers wrote no store";
     EXPECT_EQ(storeText.find(base64url(privateKey)), std::string::npos);
     EXPECT_EQ(storeText.find(base64::encode(privateKey)), std::string::npos);
 
