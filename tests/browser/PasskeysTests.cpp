@@ -79,7 +79,8 @@ public:
             lines, G_PRIORITY_DEFAULT, nullptr,
             +[](GObject* stream, GAsyncResult* result, gpointer held) {
                 auto* target = static_cast<std::shared_ptr<std::string>*>(held);
-                char* line = g_data_input_stream_read_line_finish(G_DATA_INPUT_STREAM(stream), result, nullptr, nullptr);
+                char* line =
+                    g_data_input_stream_read_line_finish(G_DATA_INPUT_STREAM(stream), result, nullptr, nullptr);
                 **target = line ? line : "-";
                 g_free(line);
                 delete target;
@@ -92,11 +93,11 @@ public:
             return;
         }
         setenv("DBUS_SESSION_BUS_ADDRESS", address->c_str(), 1);
-        watcher_ = g_dbus_connection_new_for_address_sync(
-            address->c_str(),
-            GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                 G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, nullptr);
+        watcher_ =
+            g_dbus_connection_new_for_address_sync(address->c_str(),
+                                                   GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+                                                   nullptr, nullptr, nullptr);
         if (!watcher_) {
             ADD_FAILURE() << "cannot connect to " << *address;
             return;
@@ -122,12 +123,12 @@ public:
         // The process's shared connection, which libsecret uses, must be on this bus and not on
         // one the process met before: a test must never write to a user's keyring.
         GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
-        GVariant* onThisBus = shared ? g_dbus_connection_call_sync(
-                                           watcher_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                           "org.freedesktop.DBus", "NameHasOwner",
-                                           g_variant_new("(s)", g_dbus_connection_get_unique_name(shared)),
-                                           G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr)
-                                     : nullptr;
+        GVariant* onThisBus =
+            shared ? g_dbus_connection_call_sync(watcher_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                 "org.freedesktop.DBus", "NameHasOwner",
+                                                 g_variant_new("(s)", g_dbus_connection_get_unique_name(shared)),
+                                                 G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr)
+                   : nullptr;
         gboolean same = FALSE;
         if (onThisBus) {
             g_variant_get(onThisBus, "(b)", &same);
@@ -163,8 +164,8 @@ public:
     // The Secret Service, asked by the test itself.
     SecretService* service() {
         if (!service_) {
-            service_ = secret_service_open_sync(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_OPEN_SESSION, nullptr,
-                                                nullptr);
+            service_ =
+                secret_service_open_sync(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_OPEN_SESSION, nullptr, nullptr);
         }
         return service_;
     }
@@ -203,7 +204,8 @@ public:
 private:
     // A daemon that dies with this process, its error output silenced.
     static GSubprocess* spawn(GSubprocessFlags flags, std::vector<const char*> argv) {
-        GSubprocessLauncher* launcher = g_subprocess_launcher_new(GSubprocessFlags(flags | G_SUBPROCESS_FLAGS_STDERR_SILENCE));
+        GSubprocessLauncher* launcher =
+            g_subprocess_launcher_new(GSubprocessFlags(flags | G_SUBPROCESS_FLAGS_STDERR_SILENCE));
         g_subprocess_launcher_set_child_setup(
             launcher, +[](gpointer) { prctl(PR_SET_PDEATHSIG, SIGTERM); }, nullptr, nullptr);
         argv.push_back(nullptr);
@@ -294,7 +296,8 @@ protected:
         return post("registerFido", Json{{"params", {{"publicKey", publicKey}}}});
     }
     Json signFido(const Bytes& challenge, const Json& allowCredentials) {
-        Json publicKey{{"challenge", byteArray(challenge)}, {"rpId", kRelyingParty}, {"allowCredentials", allowCredentials}};
+        Json publicKey{
+            {"challenge", byteArray(challenge)}, {"rpId", kRelyingParty}, {"allowCredentials", allowCredentials}};
         return post("signFido", Json{{"params", {{"publicKey", publicKey}}}});
     }
 
@@ -342,8 +345,9 @@ TEST_F(Passkeys, ARelyingPartyVerifiesTheRegistrationAndEachAssertionWithARising
     Json registered = registerFido(challenge);
     ASSERT_EQ(registered["success"], true) << registered;
     EXPECT_EQ(registered["errorCodes"], Json::array({""}));
-    auto result = verdict(verify({{"op", "register"}, {"challenge", base64url(challenge)}, {"response", registered["data"]}}),
-                          "REGISTERED");
+    auto result =
+        verdict(verify({{"op", "register"}, {"challenge", base64url(challenge)}, {"response", registered["data"]}}),
+                "REGISTERED");
     ASSERT_EQ(result["verified"], true) << result;
     EXPECT_EQ(result["fmt"], "none");
     Json credential = result["credential"];
@@ -363,8 +367,8 @@ TEST_F(Passkeys, ARelyingPartyVerifiesTheRegistrationAndEachAssertionWithARising
     EXPECT_EQ(storeText.find(base64::encode(privateKey)), std::string::npos);
 
     // Signed twice, by the allow list and then without one; each counter is above the last.
-    Json allowed = Json::array({{{"id", byteArray(fromBase64url(credential["id"].get<std::string>()))},
-                                 {"type", "public-key"}}});
+    Json allowed =
+        Json::array({{{"id", byteArray(fromBase64url(credential["id"].get<std::string>()))}, {"type", "public-key"}}});
     Json lastAssertion;
     for (const Json& allowList : {allowed, Json::array()}) {
         const Bytes assertionChallenge = randomBytes(32);
@@ -379,8 +383,8 @@ TEST_F(Passkeys, ARelyingPartyVerifiesTheRegistrationAndEachAssertionWithARising
         ASSERT_EQ(outcome["verified"], true) << outcome;
         EXPECT_GT(outcome["newCounter"].get<int>(), credential["counter"].get<int>());
         credential["counter"] = outcome["newCounter"];
-        lastAssertion = Json{{"op", "authenticate"}, {"challenge", base64url(assertionChallenge)},
-                             {"response", signed_["data"]}};
+        lastAssertion =
+            Json{{"op", "authenticate"}, {"challenge", base64url(assertionChallenge)}, {"response", signed_["data"]}};
     }
     EXPECT_EQ(credential["counter"], 2);
 
@@ -416,8 +420,9 @@ TEST_F(Passkeys, WhatNoAuthenticatorHereCanAnswerEndsWithAClearError) {
     // Neither the keyring nor a key has the credential: both reasons, and the page hears them.
     performRequests({PlatformAssertionRequest{kRelyingParty, challenge, {unknown}},
                      SecurityKeyAssertionRequest{kRelyingParty, challenge, {{unknown, {SecurityKeyTransport::usb}}}}});
-    EXPECT_EQ(lastMessage(),
-              "No passkey of kelvane.test in this keyring matches the allowed credentials; No security key is connected");
+    EXPECT_EQ(
+        lastMessage(),
+        "No passkey of kelvane.test in this keyring matches the allowed credentials; No security key is connected");
     Json refused = signFido(challenge, Json::array({{{"id", byteArray(unknown)}, {"type", "public-key"}}}));
     EXPECT_EQ(refused["success"], false);
     EXPECT_EQ(refused["message"], lastMessage());

@@ -81,7 +81,8 @@ Outcome run(const std::vector<AuthorizationRequest>& requests, const std::vector
     for (const auto& request : requests) {
         const auto& party = relyingPartyOf(request);
         if (std::find(relyingParties.begin(), relyingParties.end(), party) == relyingParties.end()) {
-            return passkeyError(passkeyRelyingPartyNotAllowed, "Passkeys of " + party + " are not allowed for this app");
+            return passkeyError(passkeyRelyingPartyNotAllowed,
+                                "Passkeys of " + party + " are not allowed for this app");
         }
     }
     std::string reasons;
@@ -111,21 +112,27 @@ void deliver(const std::weak_ptr<PasskeyAuthorizationDelegate>& weakDelegate, Ou
 
 }  // namespace
 
-DesktopPasskeys::DesktopPasskeys(std::vector<std::string> relyingParties) : relyingParties_(std::move(relyingParties)) {}
+DesktopPasskeys::DesktopPasskeys(std::vector<std::string> relyingParties)
+    : relyingParties_(std::move(relyingParties)) {}
 
 void DesktopPasskeys::performRequests(std::vector<AuthorizationRequest> requests,
                                       std::weak_ptr<PasskeyAuthorizationDelegate> delegate) {
-    GTask* task = g_task_new(nullptr, nullptr, +[](GObject*, GAsyncResult* result, gpointer) {
-        auto* ceremony = static_cast<Ceremony*>(g_task_get_task_data(G_TASK(result)));
-        deliver(ceremony->delegate, std::move(ceremony->outcome));
-    }, nullptr);
-    g_task_set_task_data(task, new Ceremony{std::move(requests), relyingParties_, std::move(delegate)},
-                         +[](gpointer data) { delete static_cast<Ceremony*>(data); });
-    g_task_run_in_thread(task, +[](GTask* running, gpointer, gpointer data, GCancellable*) {
-        auto* ceremony = static_cast<Ceremony*>(data);
-        ceremony->outcome = run(ceremony->requests, ceremony->relyingParties);
-        g_task_return_boolean(running, TRUE);
-    });
+    GTask* task = g_task_new(
+        nullptr, nullptr,
+        +[](GObject*, GAsyncResult* result, gpointer) {
+            auto* ceremony = static_cast<Ceremony*>(g_task_get_task_data(G_TASK(result)));
+            deliver(ceremony->delegate, std::move(ceremony->outcome));
+        },
+        nullptr);
+    g_task_set_task_data(
+        task, new Ceremony{std::move(requests), relyingParties_, std::move(delegate)},
+        +[](gpointer data) { delete static_cast<Ceremony*>(data); });
+    g_task_run_in_thread(
+        task, +[](GTask* running, gpointer, gpointer data, GCancellable*) {
+            auto* ceremony = static_cast<Ceremony*>(data);
+            ceremony->outcome = run(ceremony->requests, ceremony->relyingParties);
+            g_task_return_boolean(running, TRUE);
+        });
     g_object_unref(task);
 }
 

@@ -18,7 +18,14 @@ const SecretSchema kSchema = {PasskeyVault::kSchemaName,
                                {"credential", SECRET_SCHEMA_ATTRIBUTE_STRING},
                                {"user", SECRET_SCHEMA_ATTRIBUTE_STRING},
                                {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING}},
-                              0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+                              0,
+                              nullptr,
+                              nullptr,
+                              nullptr,
+                              nullptr,
+                              nullptr,
+                              nullptr,
+                              nullptr};
 
 std::string describe(const char* what, GError* error) {
     std::string text = std::string(what) + (error ? std::string(": ") + error->message : std::string());
@@ -67,14 +74,13 @@ Result<std::unique_ptr<PasskeyVault>> PasskeyVault::open() {
     GError* error = nullptr;
     // A service object of its own (not libsecret's shared one, which keeps its first bus for
     // good), on the process's session bus connection.
-    handles->service = secret_service_open_sync(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_OPEN_SESSION, nullptr,
-                                                &error);
+    handles->service =
+        secret_service_open_sync(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_OPEN_SESSION, nullptr, &error);
     if (!handles->service) {
         return passkeyError(passkeyStoreUnavailable, describe("The Secret Service is not available", error));
     }
-    SecretCollection* collection =
-        secret_collection_for_alias_sync(handles->service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr,
-                                         &error);
+    SecretCollection* collection = secret_collection_for_alias_sync(handles->service, SECRET_COLLECTION_DEFAULT,
+                                                                    SECRET_COLLECTION_NONE, nullptr, &error);
     if (!collection) {
         return passkeyError(passkeyStoreUnavailable, describe("The Secret Service has no default keyring", error));
     }
@@ -110,9 +116,9 @@ Result<std::vector<StoredPasskey>> PasskeyVault::find(const std::string& relying
     Attributes attributes;
     attributes.set("rp", relyingPartyIdentifier);
     GError* error = nullptr;
-    GList* items = secret_service_search_sync(handles_->service, &kSchema, attributes.table,
-                                              SecretSearchFlags(SECRET_SEARCH_ALL | SECRET_SEARCH_LOAD_SECRETS),
-                                              nullptr, &error);
+    GList* items =
+        secret_service_search_sync(handles_->service, &kSchema, attributes.table,
+                                   SecretSearchFlags(SECRET_SEARCH_ALL | SECRET_SEARCH_LOAD_SECRETS), nullptr, &error);
     if (error) return passkeyError(passkeyStoreFailed, describe("The passkeys could not be read", error));
 
     std::vector<std::pair<guint64, StoredPasskey>> found;
@@ -139,9 +145,9 @@ Result<std::vector<StoredPasskey>> PasskeyVault::find(const std::string& relying
         }
         auto key = fromBase64url(secret["privateKey"].get_ref<const std::string&>());
         if (!key) continue;
-        found.push_back({secret_item_get_created(item),
-                         StoredPasskey{relyingPartyIdentifier, *credential, *user, std::move(*key),
-                                       secret["signCount"].get<std::uint32_t>()}});
+        found.push_back(
+            {secret_item_get_created(item), StoredPasskey{relyingPartyIdentifier, *credential, *user, std::move(*key),
+                                                          secret["signCount"].get<std::uint32_t>()}});
     }
     g_list_free_full(items, g_object_unref);
     std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first > b.first; });

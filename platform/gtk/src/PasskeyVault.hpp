@@ -27,7 +27,8 @@ public:
     std::optional<Error> store(const StoredPasskey& passkey);
     // The relying party's passkeys whose credential id is in `allowed` (any, when it is
     // empty), newest first.
-    Result<std::vector<StoredPasskey>> find(const std::string& relyingPartyIdentifier, const std::vector<Bytes>& allowed);
+    Result<std::vector<StoredPasskey>> find(const std::string& relyingPartyIdentifier,
+                                            const std::vector<Bytes>& allowed);
 
     static constexpr const char* kSchemaName = "com.kelvane.Passkey";
 

@@ -122,7 +122,8 @@ Result<SecurityKeyCredentialRegistration> SecurityKeys::makeCredential(const std
     // are, and its authenticator data.
     const char* format = fido_cred_fmt(credential.get());
     Bytes statement = bytesOf(fido_cred_attstmt_ptr(credential.get()), fido_cred_attstmt_len(credential.get()));
-    Bytes authData = bytesOf(fido_cred_authdata_raw_ptr(credential.get()), fido_cred_authdata_raw_len(credential.get()));
+    Bytes authData =
+        bytesOf(fido_cred_authdata_raw_ptr(credential.get()), fido_cred_authdata_raw_len(credential.get()));
     if (!format || statement.empty()) {
         format = "none";
         statement = {0xA0};

@@ -48,7 +48,8 @@ public:
         return *this;
     }
     Cbor& integer(std::int64_t value) {
-        return value >= 0 ? head(0, static_cast<std::uint64_t>(value)) : head(1, static_cast<std::uint64_t>(-1 - value));
+        return value >= 0 ? head(0, static_cast<std::uint64_t>(value))
+                          : head(1, static_cast<std::uint64_t>(-1 - value));
     }
     Cbor& bytes(ByteView value) {
         head(2, value.size());
@@ -84,13 +85,16 @@ Bytes authenticatorData(const std::string& relyingPartyIdentifier, std::uint8_t 
     return data;
 }
 
-Error cryptoError(const char* what) { return passkeyError(passkeyCryptoFailed, std::string("Passkey: ") + what + " failed"); }
+Error cryptoError(const char* what) {
+    return passkeyError(passkeyCryptoFailed, std::string("Passkey: ") + what + " failed");
+}
 
 }  // namespace
 
 std::string base64url(ByteView data) {
     std::string text(4 * ((data.size() + 2) / 3) + 1, '\0');
-    int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), data.data(), static_cast<int>(data.size()));
+    int length =
+        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), data.data(), static_cast<int>(data.size()));
     text.resize(static_cast<std::size_t>(length));
     while (!text.empty() && text.back() == '=') text.pop_back();
     for (auto& character : text) {
@@ -103,9 +107,12 @@ std::string base64url(ByteView data) {
 std::optional<Bytes> fromBase64url(std::string_view text) {
     std::string standard(text);
     for (auto& character : standard) {
-        if (character == '-') character = '+';
-        else if (character == '_') character = '/';
-        else if (character == '+' || character == '/' || character == '=') return std::nullopt;
+        if (character == '-')
+            character = '+';
+        else if (character == '_')
+            character = '/';
+        else if (character == '+' || character == '/' || character == '=')
+            return std::nullopt;
     }
     std::size_t padding = (4 - standard.size() % 4) % 4;
     if (padding == 3) return std::nullopt;
@@ -134,8 +141,8 @@ Result<SoftwareAuthenticator::Registration> SoftwareAuthenticator::makeCredentia
     if (!key) return cryptoError("key generation");
     std::array<std::uint8_t, 65> point{};
     std::size_t pointLength = 0;
-    if (EVP_PKEY_get_octet_string_param(key.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(), point.size(),
-                                        &pointLength) != 1 ||
+    if (EVP_PKEY_get_octet_string_param(key.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(), point.size(), &pointLength) !=
+            1 ||
         pointLength != point.size() || point[0] != 0x04) {
         return cryptoError("public key export");
     }
@@ -143,8 +150,7 @@ Result<SoftwareAuthenticator::Registration> SoftwareAuthenticator::makeCredentia
     unsigned char* der = nullptr;
     int derLength = info ? i2d_PKCS8_PRIV_KEY_INFO(info.get(), &der) : -1;
     if (derLength <= 0) return cryptoError("private key export");
-    StoredPasskey passkey{request.relyingPartyIdentifier, Bytes(32), request.userID,
-                          Bytes(der, der + derLength), 0};
+    StoredPasskey passkey{request.relyingPartyIdentifier, Bytes(32), request.userID, Bytes(der, der + derLength), 0};
     OPENSSL_clear_free(der, static_cast<std::size_t>(derLength));
     if (RAND_bytes(passkey.credentialID.data(), static_cast<int>(passkey.credentialID.size())) != 1) {
         return cryptoError("credential id generation");
@@ -156,8 +162,8 @@ Result<SoftwareAuthenticator::Registration> SoftwareAuthenticator::makeCredentia
     coseKey.integer(-2).bytes(ByteView(point).subspan(1, 32)).integer(-3).bytes(ByteView(point).subspan(33, 32));
 
     // No user gesture is asked for: presence and verification are the unlocked desktop session's.
-    Bytes authData = authenticatorData(request.relyingPartyIdentifier,
-                                       kUserPresent | kUserVerified | kAttestedCredential, 0);
+    Bytes authData =
+        authenticatorData(request.relyingPartyIdentifier, kUserPresent | kUserVerified | kAttestedCredential, 0);
     authData.insert(authData.end(), 16, 0);  // AAGUID: none claimed
     appendBigEndian(authData, passkey.credentialID.size(), 2);
     authData.insert(authData.end(), passkey.credentialID.begin(), passkey.credentialID.end());
