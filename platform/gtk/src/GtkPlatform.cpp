@@ -6,6 +6,7 @@
 #include "JsonFileStore.hpp"
 #include "LinuxDevice.hpp"
 #include "MainContextQueue.hpp"
+#include "QrCamera.hpp"
 
 #include <glib.h>
 
@@ -38,7 +39,6 @@ std::filesystem::path keyValueStoreFile(const std::string& bundleIdentifier) {
 
 platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion,
                                 const DesktopOptions& options) {
-    (void)options;
     platform::Platform ports;
     ports.mainQueue = std::make_shared<MainContextQueue>();
     auto viewSystem = std::make_shared<DesktopViewSystem>();
@@ -52,6 +52,7 @@ platform::Platform makePlatform(const std::string& bundleIdentifier, const std::
     ports.networkPaths = std::make_shared<LinuxNetworkPaths>();
     ports.urlOpener = std::make_shared<GioURLOpener>();
     ports.documents = std::make_shared<XdgDocuments>();
+    ports.camera = std::make_shared<QrCamera>(options.qrImages, options.videoDevice);
     return ports;
 }
 
