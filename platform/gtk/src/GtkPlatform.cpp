@@ -1,5 +1,6 @@
 #include <kelvane/gtk/GtkPlatform.hpp>
 
+#include "DesktopFaceVerification.hpp"
 #include "DesktopServices.hpp"
 #include "GtkViewSystem.hpp"
 #include "GtkWebView.hpp"
@@ -53,6 +54,7 @@ platform::Platform makePlatform(const std::string& bundleIdentifier, const std::
     ports.urlOpener = std::make_shared<GioURLOpener>();
     ports.documents = std::make_shared<XdgDocuments>();
     ports.camera = std::make_shared<QrCamera>(options.qrImages, options.videoDevice);
+    ports.faceVerification = std::make_shared<DesktopFaceVerification>(options.scriptedFaceVerification);
     return ports;
 }
 
