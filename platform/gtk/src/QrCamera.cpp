@@ -386,12 +386,18 @@ private:
         }
         v4l2_capability capability{};
         bool video = ::ioctl(fd, VIDIOC_QUERYCAP, &capability) == 0;
-        ::close(fd);
         std::uint32_t caps = capability.capabilities & V4L2_CAP_DEVICE_CAPS ? capability.device_caps
                                                                              : capability.capabilities;
         if (!video || !(caps & V4L2_CAP_VIDEO_CAPTURE)) {
+            ::close(fd);
             return posixError(ENODEV, device_.string() + " is not a video capture device");
         }
+        // A device that streams for another program refuses even its own format.
+        v4l2_format format{};
+        format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        bool busy = ::ioctl(fd, VIDIOC_G_FMT, &format) == 0 && ::ioctl(fd, VIDIOC_S_FMT, &format) != 0 && errno == EBUSY;
+        ::close(fd);
+        if (busy) return posixError(EBUSY, "The camera " + device_.string() + " is in use by another program");
         return std::nullopt;
     }
 
