@@ -81,8 +81,8 @@ protected:
                          nullptr};
         gint status = 0;
         GError* error = nullptr;
-        bool ran = g_spawn_sync(nullptr, argv, nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, nullptr, nullptr, &status,
-                                &error);
+        bool ran = g_spawn_sync(nullptr, argv, nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, nullptr, nullptr,
+                                &status, &error);
         EXPECT_TRUE(ran && g_spawn_check_wait_status(status, nullptr)) << (error ? error->message : "qrencode failed");
         g_clear_error(&error);
         return file;
@@ -98,11 +98,13 @@ protected:
 
     // The picture on display in the scanner's camera view, if any.
     GdkPaintable* shownPicture() const {
+        // The preview is a picture in a view added to the scene's camera view.
         auto shows = [](GtkWidget* widget) {
-            return GTK_IS_PICTURE(widget) && gtk_widget_get_mapped(widget) &&
-                   gtk_picture_get_paintable(GTK_PICTURE(widget)) && gtk_widget_get_ancestor(widget, GTK_TYPE_OVERLAY) &&
-                   std::string(gtk_widget_get_name(gtk_widget_get_parent(gtk_widget_get_parent(widget)))) ==
-                       "yourCameraView";
+            if (!GTK_IS_PICTURE(widget) || !gtk_widget_get_mapped(widget)) return false;
+            if (!gtk_picture_get_paintable(GTK_PICTURE(widget))) return false;
+            GtkWidget* view = gtk_widget_get_parent(widget);
+            GtkWidget* cameraView = view ? gtk_widget_get_parent(view) : nullptr;
+            return cameraView && std::string(gtk_widget_get_name(cameraView)) == "yourCameraView";
         };
         GListModel* toplevels = gtk_window_get_toplevels();
         GdkPaintable* shown = nullptr;

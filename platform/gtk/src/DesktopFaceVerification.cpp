@@ -74,7 +74,8 @@ public:
                             : status.kind == Status::Kind::success   ? "Verified"
                                                                      : nullptr;
         gtk_label_set_text(GTK_LABEL(label_), words ? words : status.message.c_str());
-        gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(bar_), status.kind == Status::Kind::success ? 1.0 : status.progress);
+        double fraction = status.kind == Status::Kind::success ? 1.0 : status.progress;
+        gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(bar_), fraction);
     }
 
     std::string className() const override { return "ScriptedFaceVerificationController"; }

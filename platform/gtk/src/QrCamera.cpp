@@ -395,7 +395,8 @@ private:
         // A device that streams for another program refuses even its own format.
         v4l2_format format{};
         format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        bool busy = ::ioctl(fd, VIDIOC_G_FMT, &format) == 0 && ::ioctl(fd, VIDIOC_S_FMT, &format) != 0 && errno == EBUSY;
+        bool busy =
+            ::ioctl(fd, VIDIOC_G_FMT, &format) == 0 && ::ioctl(fd, VIDIOC_S_FMT, &format) != 0 && errno == EBUSY;
         ::close(fd);
         if (busy) return posixError(EBUSY, "The camera " + device_.string() + " is in use by another program");
         return std::nullopt;
