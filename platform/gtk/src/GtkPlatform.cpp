@@ -1,11 +1,13 @@
 #include <kelvane/gtk/GtkPlatform.hpp>
 
+#include "DesktopFaceVerification.hpp"
 #include "DesktopServices.hpp"
 #include "GtkViewSystem.hpp"
 #include "GtkWebView.hpp"
 #include "JsonFileStore.hpp"
 #include "LinuxDevice.hpp"
 #include "MainContextQueue.hpp"
+#include "QrCamera.hpp"
 
 #include <glib.h>
 
@@ -38,7 +40,6 @@ std::filesystem::path keyValueStoreFile(const std::string& bundleIdentifier) {
 
 platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion,
                                 const DesktopOptions& options) {
-    (void)options;
     platform::Platform ports;
     ports.mainQueue = std::make_shared<MainContextQueue>();
     auto viewSystem = std::make_shared<DesktopViewSystem>();
@@ -52,6 +53,8 @@ platform::Platform makePlatform(const std::string& bundleIdentifier, const std::
     ports.networkPaths = std::make_shared<LinuxNetworkPaths>();
     ports.urlOpener = std::make_shared<GioURLOpener>();
     ports.documents = std::make_shared<XdgDocuments>();
+    ports.camera = std::make_shared<QrCamera>(options.qrImages, options.videoDevice);
+    ports.faceVerification = std::make_shared<DesktopFaceVerification>(options.scriptedFaceVerification);
     return ports;
 }
 
