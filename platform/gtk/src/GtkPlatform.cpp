@@ -6,6 +6,7 @@
 #include "JsonFileStore.hpp"
 #include "LinuxDevice.hpp"
 #include "MainContextQueue.hpp"
+#include "PamAuthentication.hpp"
 
 #include <glib.h>
 
@@ -38,7 +39,6 @@ std::filesystem::path keyValueStoreFile(const std::string& bundleIdentifier) {
 
 platform::Platform makePlatform(const std::string& bundleIdentifier, const std::string& shortVersion,
                                 const DesktopOptions& options) {
-    (void)options;
     platform::Platform ports;
     ports.mainQueue = std::make_shared<MainContextQueue>();
     auto viewSystem = std::make_shared<DesktopViewSystem>();
@@ -49,6 +49,7 @@ platform::Platform makePlatform(const std::string& bundleIdentifier, const std::
     ports.keyValueStore = std::make_shared<JsonFileStore>(keyValueStoreFile(bundleIdentifier));
     ports.device = std::make_shared<LinuxDevice>(bundleIdentifier);
     ports.bundle = std::make_shared<FixedBundle>(bundleIdentifier, shortVersion);
+    ports.localAuthentication = std::make_shared<PamAuthentication>(options.pamService);
     ports.networkPaths = std::make_shared<LinuxNetworkPaths>();
     ports.urlOpener = std::make_shared<GioURLOpener>();
     ports.documents = std::make_shared<XdgDocuments>();
