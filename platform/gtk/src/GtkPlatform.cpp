@@ -1,6 +1,7 @@
 #include <kelvane/gtk/GtkPlatform.hpp>
 
 #include "DesktopServices.hpp"
+#include "GeoClueLocation.hpp"
 #include "GtkViewSystem.hpp"
 #include "GtkWebView.hpp"
 #include "JsonFileStore.hpp"
@@ -50,6 +51,8 @@ platform::Platform makePlatform(const std::string& bundleIdentifier, const std::
     ports.device = std::make_shared<LinuxDevice>(bundleIdentifier);
     ports.bundle = std::make_shared<FixedBundle>(bundleIdentifier, shortVersion);
     ports.localAuthentication = std::make_shared<PamAuthentication>(options.pamService);
+    // GeoClue knows an app by its desktop file's name, which is its bundle identifier.
+    ports.location = std::make_shared<GeoClueLocation>(bundleIdentifier);
     ports.networkPaths = std::make_shared<LinuxNetworkPaths>();
     ports.urlOpener = std::make_shared<GioURLOpener>();
     ports.documents = std::make_shared<XdgDocuments>();
