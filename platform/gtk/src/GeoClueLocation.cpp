@@ -38,11 +38,12 @@ void finishCall(GObject* source, GAsyncResult* result, gpointer data) {
 
 bool cancelled(const GError* error) { return error && g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED); }
 
-// The page receives the description inside its answer without any escaping, so it carries no
-// quotation marks and no line breaks.
+// The page receives the description inside its answer without any escaping, so it carries
+// nothing that would end or break a JSON string there.
 std::string description(std::string text) {
     for (char& c : text) {
         if (c == '"') c = '\'';
+        if (c == '\\') c = '/';
         if (static_cast<unsigned char>(c) < 0x20) c = ' ';
     }
     return text;
