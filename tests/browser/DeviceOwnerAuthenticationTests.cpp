@@ -33,7 +33,8 @@ protected:
         // No password file at all: PAM has no authentication data for anyone.
         for (auto [service, passdb] : {std::pair{"kelvane-owner", "passdb"}, {"kelvane-nodata", "missing"}}) {
             std::string module = std::string(KELVANE_PAM_MODULES) + "/pam_matrix.so passdb=" + (services / passdb);
-            writeFile(services.path() / "pam.d" / service, "auth required " + module + "\naccount required " + module + "\n");
+            writeFile(services.path() / "pam.d" / service,
+                      "auth required " + module + "\naccount required " + module + "\n");
         }
         // "other" is where PAM falls back to, and where it looks first.
         for (auto service : {"kelvane-deny", "other"}) {
@@ -48,10 +49,12 @@ protected:
     std::string authenticate(const std::string& service, const std::vector<std::string>& rounds,
                              const std::string& environment = "") {
         const char* asan = std::getenv("ASAN_OPTIONS");
-        std::string command = "timeout 60 env " + environment + " LD_PRELOAD=" KELVANE_PAM_WRAPPER +
-                              " PAM_WRAPPER=1 PAM_WRAPPER_DISABLE_DEEPBIND=1 UID_WRAPPER_DISABLE_DEEPBIND=1 PAM_WRAPPER_SERVICE_DIR=" +
-                              (services / "pam.d") + " ASAN_OPTIONS=" + (asan ? std::string(asan) + ":" : "") +
-                              "verify_asan_link_order=0 " KELVANE_PAM_AUTHENTICATOR " " + service;
+        std::string command = "timeout 60 env " + environment;
+        command += " LD_PRELOAD=" KELVANE_PAM_WRAPPER " PAM_WRAPPER=1";
+        command += " PAM_WRAPPER_DISABLE_DEEPBIND=1 UID_WRAPPER_DISABLE_DEEPBIND=1";
+        command += " PAM_WRAPPER_SERVICE_DIR=" + (services / "pam.d");
+        command += " ASAN_OPTIONS=" + (asan ? std::string(asan) + ":" : "") + "verify_asan_link_order=0";
+        command += " " KELVANE_PAM_AUTHENTICATOR " " + service;
         for (const auto& round : rounds) command += " '" + round + "'";
         return kelvane::testing::run(command);
     }

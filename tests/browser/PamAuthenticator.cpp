@@ -47,7 +47,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: %s service round...\n", argv[0]);
         return 2;
     }
-    setLogSink([](std::string_view line) { std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data()); });
+    setLogSink([](std::string_view line) {
+        std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+    });
     auto ports = *platform::current();
     if (gtk_init_check()) {
         gtk::DesktopOptions options;
@@ -58,11 +60,13 @@ int main(int argc, char** argv) {
     }
     platform::install(ports);
 
-    auto biometrics = ports.localAuthentication->makeContext()->canEvaluatePolicy(platform::LAPolicy::deviceOwnerAuthenticationWithBiometrics);
+    using platform::LAPolicy;
+    auto biometrics =
+        ports.localAuthentication->makeContext()->canEvaluatePolicy(LAPolicy::deviceOwnerAuthenticationWithBiometrics);
     std::printf("biometrics %s\n", code(biometrics.errorCode).c_str());
 
     for (int round = 2; round < argc; ++round) {
-        auto can = ports.localAuthentication->makeContext()->canEvaluatePolicy(platform::LAPolicy::deviceOwnerAuthentication);
+        auto can = ports.localAuthentication->makeContext()->canEvaluatePolicy(LAPolicy::deviceOwnerAuthentication);
         std::printf("can %d %s\n", can.can ? 1 : 0, code(can.errorCode).c_str());
 
         std::vector<std::optional<std::string>> answers;

@@ -7,6 +7,7 @@
 #include <gio/gio.h>
 
 #include <functional>
+#include <optional>
 
 namespace kelvane::gtk {
 
@@ -68,7 +69,8 @@ void later(std::function<void()> task) {
             (*static_cast<std::function<void()>*>(data))();
             return G_SOURCE_REMOVE;
         },
-        new std::function<void()>(std::move(task)), +[](gpointer data) { delete static_cast<std::function<void()>*>(data); });
+        new std::function<void()>(std::move(task)),
+        +[](gpointer data) { delete static_cast<std::function<void()>*>(data); });
 }
 
 bool accessDenied(const GError* error) {
@@ -123,7 +125,8 @@ private:
     // Calls `method` on GeoClue with the bound of one call; the reply comes on the main
     // thread, unless the session has ended by then.
     void call(const std::string& path, const char* interface, const char* method, GVariant* parameters,
-              const char* replyType, std::function<void(GVariant*)> then) {
+              const char* replyType, std::function<void(GVariant*)> then,
+              std::optional<std::chrono::milliseconds> bound = {}) {
         std::weak_ptr<GeoClueManager> weak = weak_from_this();
         auto* reply = new Reply([weak, then = std::move(then), what = std::string(method)](GVariant* result,
                                                                                           GError* error) {
@@ -137,7 +140,8 @@ private:
         });
         g_dbus_connection_call(connection_, kService, path.c_str(), interface, method, parameters,
                                replyType ? G_VARIANT_TYPE(replyType) : nullptr, G_DBUS_CALL_FLAGS_NONE,
-                               static_cast<int>(settings_->bounds.call.count()), cancellable_, finishCall, reply);
+                               static_cast<int>(bound.value_or(settings_->bounds.call).count()), cancellable_,
+                               finishCall, reply);
     }
 
     void begin() {
@@ -151,9 +155,10 @@ private:
             +[](gpointer data) -> gboolean {
                 auto* self = static_cast<GeoClueManager*>(data);
                 self->timer_ = 0;
+                auto seconds =
+                    std::chrono::duration_cast<std::chrono::seconds>(self->settings_->bounds.reading).count();
                 self->fail(kLocationUnknown, "Location is unknown: GeoClue gave no position within " +
-                                                 std::to_string(self->settings_->bounds.reading.count() / 1000) +
-                                                 " seconds");
+                                                 std::to_string(seconds) + (seconds == 1 ? " second" : " seconds"));
                 return G_SOURCE_REMOVE;
             },
             this, nullptr);
@@ -219,7 +224,8 @@ private:
              g_variant_new("(ssv)", kClientInterface, "DesktopId", g_variant_new_string(settings_->desktopId.c_str())),
              nullptr, [this](GVariant*) {
                  call(client_, kProperties, "Set",
-                      g_variant_new("(ssv)", kClientInterface, "RequestedAccuracyLevel", g_variant_new_uint32(kAccuracyExact)),
+                      g_variant_new("(ssv)", kClientInterface, "RequestedAccuracyLevel",
+                                    g_variant_new_uint32(kAccuracyExact)),
                       nullptr, [this](GVariant*) { start(); });
              });
     }
@@ -237,7 +243,10 @@ private:
                 if (self->started_ && self->wantsReading_ && !self->reading_) self->readLocation(newer);
             },
             this, nullptr);
-        call(client_, kClientInterface, "Start", nullptr, nullptr, [this](GVariant*) { authorized(); });
+        // GeoClue answers Start once its agent has asked the user, who may take a while: the
+        // whole request's bound applies, and that one's timer fires first.
+        call(client_, kClientInterface, "Start", nullptr, nullptr, [this](GVariant*) { authorized(); },
+             settings_->bounds.reading);
     }
 
     void authorized() {
@@ -280,7 +289,8 @@ private:
 
     void readLocation(const std::string& path) {
         reading_ = true;
-        call(path, kProperties, "GetAll", g_variant_new("(s)", kLocationInterface), "(a{sv})", [this](GVariant* result) {
+        auto parameters = g_variant_new("(s)", kLocationInterface);
+        call(path, kProperties, "GetAll", parameters, "(a{sv})", [this](GVariant* result) {
             reading_ = false;
             GVariant* properties = g_variant_get_child_value(result, 0);
             double latitude = 0, longitude = 0;
@@ -295,7 +305,9 @@ private:
             wantsReading_ = false;
             auto keep = shared_from_this();
             close();
-            if (auto delegate = delegate_.lock()) delegate->didUpdateLocations({platform::Coordinate{latitude, longitude}});
+            if (auto delegate = delegate_.lock()) {
+                delegate->didUpdateLocations({platform::Coordinate{latitude, longitude}});
+            }
         });
     }
 

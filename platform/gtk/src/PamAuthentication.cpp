@@ -183,13 +183,12 @@ public:
                          }),
                          this);
         GtkEventController* keys = gtk_event_controller_key_new();
-        g_signal_connect(keys, "key-pressed",
-                         G_CALLBACK(+[](GtkEventControllerKey*, guint key, guint, GdkModifierType, gpointer data) -> gboolean {
-                             if (key != GDK_KEY_Escape) return FALSE;
-                             static_cast<Prompt*>(data)->finish(false, kUserCancel);
-                             return TRUE;
-                         }),
-                         this);
+        auto escape = +[](GtkEventControllerKey*, guint key, guint, GdkModifierType, gpointer data) -> gboolean {
+            if (key != GDK_KEY_Escape) return FALSE;
+            static_cast<Prompt*>(data)->finish(false, kUserCancel);
+            return TRUE;
+        };
+        g_signal_connect(keys, "key-pressed", G_CALLBACK(escape), this);
         gtk_widget_add_controller(window_, keys);
         gtk_window_present(GTK_WINDOW(window_));
         gtk_widget_grab_focus(entry_);
