@@ -21,7 +21,9 @@ namespace kelvane::gtk {
 
 // How the desktop ports behave where a host may choose.
 struct DesktopOptions {
-    // Device-owner authentication: the PAM service that checks the logged-in user's password.
+    // Device-owner authentication: the PAM service that checks the logged-in user's password
+    // (its file under /etc/pam.d). Without that file the owner cannot be authenticated, and the
+    // answer is that no passcode is set.
     std::string pamService = "login";
     // Camera: PNG images read in turn instead of a video device, for hosts without a camera.
     // Each scanner session shows them from the first, a moment apart, through the same
