@@ -238,12 +238,17 @@ private:
     std::function<void(const std::string&)> appReturn_;
 };
 
-// The device owner's answer when nobody sits at the screen: approved, and said so.
+// The device owner's answer when nobody sits at the screen: the platform says whether the owner
+// can be authenticated, and the approval is scripted, and said so, in place of its dialog.
 class ScriptedApproval final : public LAContext {
 public:
-    explicit ScriptedApproval(Run& run) : run_(run) {}
-    void setLocalizedFallbackTitle(const std::string&) override {}
-    CanEvaluate canEvaluatePolicy(LAPolicy) override { return {true, std::nullopt}; }
+    ScriptedApproval(std::shared_ptr<LAContext> inner, Run& run) : inner_(std::move(inner)), run_(run) {}
+    void setLocalizedFallbackTitle(const std::string& title) override {
+        if (inner_) inner_->setLocalizedFallbackTitle(title);
+    }
+    CanEvaluate canEvaluatePolicy(LAPolicy policy) override {
+        return inner_ ? inner_->canEvaluatePolicy(policy) : CanEvaluate{true, std::nullopt};
+    }
     void evaluatePolicy(LAPolicy, const std::string& reason,
                         std::function<void(bool, std::optional<int>)> reply) override {
         Queue::main()->async([&run = run_, reason, reply = std::move(reply)] {
@@ -254,15 +259,19 @@ public:
     std::string description() const override { return "scripted approval"; }
 
 private:
+    std::shared_ptr<LAContext> inner_;
     Run& run_;
 };
 
 class ScriptedOwner final : public LocalAuthentication {
 public:
-    explicit ScriptedOwner(Run& run) : run_(run) {}
-    std::shared_ptr<LAContext> makeContext() override { return std::make_shared<ScriptedApproval>(run_); }
+    ScriptedOwner(std::shared_ptr<LocalAuthentication> inner, Run& run) : inner_(std::move(inner)), run_(run) {}
+    std::shared_ptr<LAContext> makeContext() override {
+        return std::make_shared<ScriptedApproval>(inner_ ? inner_->makeContext() : nullptr, run_);
+    }
 
 private:
+    std::shared_ptr<LocalAuthentication> inner_;
     Run& run_;
 };
 
@@ -311,7 +320,7 @@ void watch(Platform& ports, Run& run, std::function<void(const std::string&)> ap
     ports.viewSystem = std::make_shared<WatchedScreens>(ports.viewSystem, run);
     ports.urlOpener = std::make_shared<PartnerApp>(ports.urlOpener, run, std::move(appReturn));
     if (ports.faceVerification) ports.faceVerification = std::make_shared<WatchedFace>(ports.faceVerification, run);
-    if (run.options().autoRun) ports.localAuthentication = std::make_shared<ScriptedOwner>(run);
+    if (run.options().autoRun) ports.localAuthentication = std::make_shared<ScriptedOwner>(ports.localAuthentication, run);
 }
 
 }  // namespace demo
