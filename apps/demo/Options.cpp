@@ -19,6 +19,9 @@ Where the transaction comes from (one of):
   --push FILE              a transaction message: a JSON object whose "payload" holds the payload text
   --deeplink URL           a transaction link, resolved by the library (onTransactionRequest)
   --sandbox URL            mint one at the sandbox (POST URL/api/transactions) and use its encrypted push
+  --qr FILE                scan the QR code in the PNG FILE (launchQrScanner, through the camera's
+                           image source); with --sandbox, the minted transaction's code is first
+                           written to FILE
 Options:
   --key KEY                the push's encryption key (base64)
   --key-file FILE          the same, read from a file
@@ -26,7 +29,9 @@ Options:
   --mint-option NAME=VALUE with --sandbox: a minting option (mode=playground, fail=true, ...); VALUE is
                            read as JSON when it is JSON, else as text
   --auto                   start at once instead of waiting for "Start verification", mint with
-                           "auto", and answer the library's dialogs as an unattended user would
+                           "auto", answer the library's dialogs as an unattended user would, and
+                           approve the device owner's authentication without asking (a scripted
+                           approval, said in the output)
   --cancel                 once the page has loaded, press the flow's exit button and confirm
   --force-update           start with sdkInit(forceUpdate: true) against the store lookup at
                            --store-host (default: the sandbox's host:port)
@@ -93,6 +98,8 @@ Options parseOptions(int argc, char** argv, const std::string& defaultVersion) {
             while (!url.empty() && url.back() == '/') url.pop_back();
             if (!url.starts_with("http://")) usageError("--sandbox takes an http:// address, not '" + url + "'");
             options.sandbox = url;
+        } else if (arg == "--qr") {
+            options.qrFile = value();
         } else if (arg == "--plain") {
             options.plain = true;
         } else if (arg == "--mint-option") {
@@ -124,9 +131,10 @@ Options parseOptions(int argc, char** argv, const std::string& defaultVersion) {
             usageError("unknown option '" + arg + "'");
         }
     }
-    if (!options.pushFile && !options.deeplink && !options.sandbox) {
-        usageError("no transaction: give --push FILE, --deeplink URL or --sandbox URL");
+    if (!options.pushFile && !options.deeplink && !options.sandbox && !options.qrFile) {
+        usageError("no transaction: give --push FILE, --deeplink URL, --sandbox URL or --qr FILE");
     }
+    if (options.qrFile && (options.pushFile || options.deeplink)) usageError("--qr takes no --push or --deeplink");
     if (options.key && keyFile) usageError("give --key or --key-file, not both");
     if (options.forceUpdate && !options.storeHost && options.sandbox) options.storeHost = options.sandbox->substr(7);
     if (options.forceUpdate && !options.storeHost) usageError("--force-update needs --store-host or --sandbox");

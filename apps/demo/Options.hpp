@@ -23,6 +23,7 @@ struct Options {
     std::optional<std::string> key;  // from --key, or the text of --key-file
     std::optional<std::string> deeplink;
     std::optional<std::string> sandbox;  // "http://host:port", without a trailing slash
+    std::optional<std::string> qrFile;   // a PNG read through the camera's image source
     bool plain = false;
     std::vector<std::pair<std::string, std::string>> mintOptions;
     bool autoRun = false;

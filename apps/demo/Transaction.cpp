@@ -5,6 +5,9 @@
 
 #include <curl/curl.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <thread>
 
 namespace demo {
@@ -63,6 +66,34 @@ Json optionValue(const std::string& text) {
     return text;
 }
 
+size_t writeTo(char* data, size_t size, size_t count, void* file) {
+    return std::fwrite(data, size, count, static_cast<std::FILE*>(file));
+}
+
+// Saves the QR code of a minted transaction to `path`; the reason when it could not.
+std::optional<std::string> saveCode(const std::string& url, const std::string& path) {
+    std::FILE* file = std::fopen(path.c_str(), "wb");
+    if (!file) return "the file " + path + " could not be written: " + std::strerror(errno);
+    CURL* curl = curl_easy_init();
+    CURLcode code = CURLE_FAILED_INIT;
+    long status = 0;
+    if (curl) {
+        curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeTo);
+        curl_easy_setopt(curl, CURLOPT_WRITEDATA, file);
+        curl_easy_setopt(curl, CURLOPT_TIMEOUT, 15L);
+        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+        code = curl_easy_perform(curl);
+        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+        curl_easy_cleanup(curl);
+    }
+    bool written = std::fclose(file) == 0;
+    if (code != CURLE_OK) return "its QR code could not be fetched (" + std::string(curl_easy_strerror(code)) + ")";
+    if (status != 200) return "the sandbox answered " + std::to_string(status) + " for its QR code";
+    if (!written) return "the file " + path + " could not be written";
+    return std::nullopt;
+}
+
 LoadResult mint(const Options& options) {
     Json body = Json::object();
     if (options.autoRun) body["auto"] = true;
@@ -103,9 +134,18 @@ LoadResult mint(const Options& options) {
 
     Transaction transaction;
     transaction.description = id + " (request id " + kelvane::json::getString(*minted, "requestId").value_or("?") +
-                              (options.plain ? ", plain push)" : ", encrypted push)");
-    transaction.message = Json{{"payload", *payload}};
+                              (options.plain ? ", plain " : ", encrypted ") + (options.qrFile ? "QR code)" : "push)");
     transaction.key = options.plain ? options.key : key;
+    if (options.qrFile) {
+        auto code = kelvane::json::getString(*minted, "qr");
+        if (!code) return failure(kNoSandbox, where + " minted " + id + " without a QR code");
+        if (auto problem = saveCode(*code + (options.plain ? "" : "?encrypted=1"), *options.qrFile)) {
+            return failure(kNoSandbox, id + ": " + *problem);
+        }
+        transaction.qrImage = options.qrFile;
+    } else {
+        transaction.message = Json{{"payload", *payload}};
+    }
     return {std::move(transaction), kCompleted, {}};
 }
 
@@ -121,6 +161,15 @@ void loadTransaction(const Options& options, std::function<void(LoadResult)> don
         Transaction transaction;
         transaction.description = "link to " + linkedId(*options.deeplink);
         transaction.deeplink = options.deeplink;
+        transaction.key = options.key;
+        deliver({std::move(transaction), kCompleted, {}});
+    } else if (!options.sandbox) {
+        if (auto file = readFile(*options.qrFile); !file.text) {
+            return deliver(failure(kBadArguments, "the file " + *options.qrFile + " could not be read: " + file.error));
+        }
+        Transaction transaction;
+        transaction.description = "QR code in " + *options.qrFile;
+        transaction.qrImage = options.qrFile;
         transaction.key = options.key;
         deliver({std::move(transaction), kCompleted, {}});
     } else {

@@ -1,6 +1,7 @@
 #pragma once
 
-// Where the demo's transaction comes from: a push file, a link, or one minted at the sandbox.
+// Where the demo's transaction comes from: a push file, a link, a QR code, or one minted at the
+// sandbox.
 
 #include "Options.hpp"
 
@@ -15,9 +16,11 @@ namespace demo {
 struct Transaction {
     // How the summary names it.
     std::string description;
-    // A push message ({"payload": "<payload text>"}), or else a link to resolve.
+    // A push message ({"payload": "<payload text>"}), a link to resolve, or a PNG whose QR code
+    // the scanner reads.
     std::optional<kelvane::Json> message;
     std::optional<std::string> deeplink;
+    std::optional<std::string> qrImage;
     std::optional<std::string> key;
 };
 
@@ -28,7 +31,8 @@ struct LoadResult {
 };
 
 // Reads the push file or takes the link; with neither, mints one at the sandbox on a thread of
-// its own. `done` runs once, on the main queue.
+// its own (writing its QR code to the --qr file, when one is named), or else takes the --qr
+// file as it is. `done` runs once, on the main queue.
 void loadTransaction(const Options& options, std::function<void(LoadResult)> done);
 
 }  // namespace demo

@@ -22,6 +22,10 @@ std::optional<Answer> readAnswer(const std::string& script) {
     auto body = json::parse(std::string_view(script).substr(comma + 1, script.size() - comma - 2));
     if (auto success = body ? json::getBool(*body, "success") : std::nullopt) {
         answer.outcome = *success ? "success:true" : "success:false";
+        // Why, in the page's own words: a failure's message, or the face session's error.
+        auto why = json::getString(*body, "message").value_or("");
+        if (why.empty()) why = json::getString(*body, "error").value_or("");
+        if (!*success && !why.empty()) answer.outcome += " (" + why.substr(0, 100) + ")";
     }
     return answer;
 }
@@ -234,12 +238,89 @@ private:
     std::function<void(const std::string&)> appReturn_;
 };
 
+// The device owner's answer when nobody sits at the screen: the platform says whether the owner
+// can be authenticated, and the approval is scripted, and said so, in place of its dialog.
+class ScriptedApproval final : public LAContext {
+public:
+    ScriptedApproval(std::shared_ptr<LAContext> inner, Run& run) : inner_(std::move(inner)), run_(run) {}
+    void setLocalizedFallbackTitle(const std::string& title) override {
+        if (inner_) inner_->setLocalizedFallbackTitle(title);
+    }
+    CanEvaluate canEvaluatePolicy(LAPolicy policy) override {
+        return inner_ ? inner_->canEvaluatePolicy(policy) : CanEvaluate{true, std::nullopt};
+    }
+    void evaluatePolicy(LAPolicy, const std::string& reason,
+                        std::function<void(bool, std::optional<int>)> reply) override {
+        Queue::main()->async([&run = run_, reason, reply = std::move(reply)] {
+            run.note(run.now(), "device owner: scripted approval (--auto), no password asked for \"" + reason + "\"", true);
+            reply(true, std::nullopt);
+        });
+    }
+    std::string description() const override { return "scripted approval"; }
+
+private:
+    std::shared_ptr<LAContext> inner_;
+    Run& run_;
+};
+
+class ScriptedOwner final : public LocalAuthentication {
+public:
+    ScriptedOwner(std::shared_ptr<LocalAuthentication> inner, Run& run) : inner_(std::move(inner)), run_(run) {}
+    std::shared_ptr<LAContext> makeContext() override {
+        return std::make_shared<ScriptedApproval>(inner_ ? inner_->makeContext() : nullptr, run_);
+    }
+
+private:
+    std::shared_ptr<LocalAuthentication> inner_;
+    Run& run_;
+};
+
+const char* statusName(FaceVerificationStatus::Kind kind) {
+    switch (kind) {
+        case FaceVerificationStatus::Kind::connecting: return "connecting";
+        case FaceVerificationStatus::Kind::connected: return "connected";
+        case FaceVerificationStatus::Kind::processing: return "processing";
+        case FaceVerificationStatus::Kind::success: return "success";
+        case FaceVerificationStatus::Kind::canceled: return "canceled";
+        case FaceVerificationStatus::Kind::failure: return "failure";
+        case FaceVerificationStatus::Kind::error: return "error";
+    }
+    return "?";
+}
+
+// Shows each state of a face verification session as it passes.
+class WatchedFace final : public FaceVerification {
+public:
+    WatchedFace(std::shared_ptr<FaceVerification> inner, Run& run) : inner_(std::move(inner)), run_(run) {}
+    std::shared_ptr<FaceVerificationSession> launch(const URL& streamingURL, const std::string& token,
+                                                    std::weak_ptr<FaceVerificationPresentationDelegate> presentation,
+                                                    std::function<void(const FaceVerificationStatus&)> onStatus) override {
+        auto& run = run_;
+        return inner_->launch(streamingURL, token, std::move(presentation),
+                              [&run, onStatus = std::move(onStatus)](const FaceVerificationStatus& status) {
+                                  std::string text = std::string("face session: ") + statusName(status.kind);
+                                  if (!status.message.empty()) text += " (" + status.message + ")";
+                                  if (status.failureReason) text += ": " + *status.failureReason;
+                                  auto at = run.now();
+                                  Queue::main()->async([&run, at, text] { run.note(at, text, true); });
+                                  onStatus(status);
+                              });
+    }
+    Rect screenBounds() const override { return inner_->screenBounds(); }
+
+private:
+    std::shared_ptr<FaceVerification> inner_;
+    Run& run_;
+};
+
 }  // namespace
 
 void watch(Platform& ports, Run& run, std::function<void(const std::string&)> appReturn) {
     ports.webViews = std::make_shared<WatchedWebViews>(ports.webViews, run);
     ports.viewSystem = std::make_shared<WatchedScreens>(ports.viewSystem, run);
     ports.urlOpener = std::make_shared<PartnerApp>(ports.urlOpener, run, std::move(appReturn));
+    if (ports.faceVerification) ports.faceVerification = std::make_shared<WatchedFace>(ports.faceVerification, run);
+    if (run.options().autoRun) ports.localAuthentication = std::make_shared<ScriptedOwner>(ports.localAuthentication, run);
 }
 
 }  // namespace demo

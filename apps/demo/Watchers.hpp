@@ -9,7 +9,10 @@
 //   and the flow's screen (whose exit button --cancel presses);
 // - the URL opener: a stand-in for the partner app of an app-to-app hand-off, which the desktop
 //   lacks. It says it can open "uaepass" and "uaepassstg" links and returns at once through
-//   the link's success callback, as that app would after the user agreed.
+//   the link's success callback, as that app would after the user agreed;
+// - face verification: each state of a session, as it passes;
+// - with --auto, device-owner authentication: a scripted approval in place of the password
+//   dialog, said in the output.
 
 #include <kelvane/platform/Platform.hpp>
 
@@ -26,8 +29,9 @@ class Run;
 void watch(kelvane::platform::Platform& ports, Run& run, std::function<void(const std::string& url)> appReturn);
 
 // The outcome of an answer the library evaluates in the page: "success:true" or
-// "success:false" for a record with a "success" field, "answered" otherwise; the event's name
-// is set. Nothing for a script that is no answer.
+// "success:false" (with the record's "message" or "error" in brackets, when it has one) for a
+// record with a "success" field, "answered" otherwise; the event's name is set. Nothing for a
+// script that is no answer.
 struct Answer {
     std::string event;
     std::string outcome;

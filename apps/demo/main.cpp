@@ -118,13 +118,19 @@ int main(int argc, char** argv) {
     std::function<void()> start;
     demo::Screen screen(options.pushFile ? "Push message from " + *options.pushFile
                         : options.deeplink ? "Transaction link " + *options.deeplink
-                                           : "A transaction minted at " + *options.sandbox,
+                        : options.sandbox  ? "A transaction minted at " + *options.sandbox
+                                           : "The QR code in " + *options.qrFile,
                         [&] { start(); });
     demo::Run run(options, screen);
 
     // 1. The platform: the desktop's ports, installed before the first call into the library.
     //    The demo wraps a few of them to watch the flow (Watchers.cpp); a host has no need to.
-    kelvane::platform::Platform ports = kelvane::gtk::makePlatform(kBundleIdentifier, options.appVersion);
+    //    This desktop has no face-verification library, so the demo plays a scripted session;
+    //    a QR code comes from the --qr image instead of a camera.
+    kelvane::gtk::DesktopOptions desktop;
+    desktop.scriptedFaceVerification = true;
+    if (options.qrFile) desktop.qrImages = {*options.qrFile};
+    kelvane::platform::Platform ports = kelvane::gtk::makePlatform(kBundleIdentifier, options.appVersion, desktop);
     demo::watch(ports, run, [&](const std::string& url) {
         // The other app of a hand-off opened the host again through its scheme: the host
         // passes the URL on, and the library takes it back to the open flow.
@@ -147,7 +153,7 @@ int main(int argc, char** argv) {
 
     // 5. A transaction, on the main thread: a push message goes to onPushReceived with its key;
     //    a link goes to onDeeplinkRequest, and its message comes back through
-    //    onTransactionRequest.
+    //    onTransactionRequest; a QR code is read by the scanner that launchQrScanner shows.
     bool started = false;
     start = [&] {
         if (started) return;
@@ -160,6 +166,8 @@ int main(int argc, char** argv) {
             service->setKey(transaction.key);
             if (transaction.deeplink) {
                 app->onDeeplinkRequest(service, *transaction.deeplink);
+            } else if (transaction.qrImage) {
+                app->launchQrScanner(service, transaction.key);
             } else {
                 app->onPushReceived(*transaction.message, service, transaction.key);
             }

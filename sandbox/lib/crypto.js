@@ -1,5 +1,6 @@
 'use strict';
-// What the sandbox seals and checks: the encrypted push, and the silent binding of a device.
+// What the sandbox seals and checks: the encrypted push, the silent binding of a device and its
+// biometric challenge.
 const crypto = require('crypto');
 
 // AES-256-ECB with PKCS#7 padding. The host app opens it with a key written as base64 without
@@ -51,7 +52,22 @@ function verifyBinding({ privateKey, challenge, encryptedDeviceId, challengeHash
   return { verified, checks, reason: verified ? null : `failed: ${failed.join(', ')}` };
 }
 
+// Checks the answer of "verifyBiometric": the device encrypted the challenge's bytes under the
+// public key the page registered, after its owner authenticated.
+function verifyBiometric({ privateKey, challenge, encryptedChallenge }) {
+  const sealed = decode64(encryptedChallenge);
+  if (!sealed) return { verified: false, reason: 'encryptedChallenge is not base64' };
+  try {
+    const opened = crypto.privateDecrypt(
+      { key: privateKey, padding: crypto.constants.RSA_PKCS1_OAEP_PADDING, oaepHash: 'sha1' }, sealed);
+    const verified = opened.equals(Buffer.from(challenge, 'base64'));
+    return { verified, reason: verified ? null : 'the decrypted challenge is not the one issued' };
+  } catch {
+    return { verified: false, reason: 'not sealed under the registered key' };
+  }
+}
+
 const randomId = (prefix, bytes = 8) => `${prefix}${crypto.randomBytes(bytes).toString('hex')}`;
 const randomChallenge = () => crypto.randomBytes(32).toString('base64');
 
-module.exports = { encryptPush, bindingKeys, verifyBinding, randomId, randomChallenge };
+module.exports = { encryptPush, bindingKeys, verifyBinding, verifyBiometric, randomId, randomChallenge };

@@ -45,7 +45,7 @@ function isObject(value) {
 
 function send(response, status, body, type = 'application/json; charset=utf-8') {
   if (response.headersSent) return;
-  const text = typeof body === 'string' ? body : JSON.stringify(body);
+  const text = typeof body === 'string' || Buffer.isBuffer(body) ? body : JSON.stringify(body);
   response.writeHead(status, { 'Content-Type': type, 'Cache-Control': 'no-store', 'Content-Length': Buffer.byteLength(text) });
   response.end(text);
 }

@@ -1,12 +1,15 @@
 'use strict';
 // The sandbox backend: what the library calls (status report, payload, Sekura page, store
-// lookup, status socket), what the page calls (its report), and the dashboard's API.
+// lookup, status socket), what the page calls (its checks, its report), and the dashboard's API.
 const fs = require('fs');
 const http = require('http');
 const path = require('path');
 const { Server } = require('socket.io');
 
-const { verifyBinding } = require('./crypto');
+const { execFile } = require('child_process');
+
+const { verifyBinding, verifyBiometric } = require('./crypto');
+const { RelyingParty } = require('./relyingParty');
 const { Hub } = require('./hub');
 const { HttpError, readBody, parseJson, isObject, send } = require('./http');
 const { Transactions, STATUS_NAMES, REALM } = require('./transactions');
@@ -36,6 +39,7 @@ function stepsIn(body) {
 
 function createSandbox({ host = '127.0.0.1', port = 8800, storeVersion = null, quiet = false } = {}) {
   const hub = new Hub({ quiet });
+  const relyingParty = new RelyingParty();
   const transactions = new Transactions((record) => hub.send('transaction', record));
   const state = { storeVersion, origin: null };
 
@@ -55,6 +59,12 @@ function createSandbox({ host = '127.0.0.1', port = 8800, storeVersion = null, q
     // The page saves its progress after each step; the dashboard shows it, the log does not.
     ['POST', /^\/api\/transactions\/([^/]+)\/steps$/, saveSteps, false],
     ['POST', /^\/api\/transactions\/([^/]+)\/binding$/, checkBinding, true],
+    ['POST', /^\/api\/transactions\/([^/]+)\/biometric$/, checkBiometric, true],
+    ['POST', /^\/api\/transactions\/([^/]+)\/fido\/registration\/options$/, fidoStep('registrationOptions'), true],
+    ['POST', /^\/api\/transactions\/([^/]+)\/fido\/registration$/, fidoStep('verifyRegistration'), true],
+    ['POST', /^\/api\/transactions\/([^/]+)\/fido\/authentication\/options$/, fidoStep('authenticationOptions'), true],
+    ['POST', /^\/api\/transactions\/([^/]+)\/fido\/authentication$/, fidoStep('verifyAuthentication'), true],
+    ['GET', /^\/api\/transactions\/([^/]+)\/qr\.png$/, qrCode, true],
     ['POST', /^\/api\/transactions\/([^/]+)\/outcome$/, reportOutcome, true],
     ['GET', /^\/api\/log$/, () => [200, hub.entries], false],
     ['GET', /^\/api\/events$/, (request, response) => hub.open(response), false],
@@ -127,6 +137,9 @@ function createSandbox({ host = '127.0.0.1', port = 8800, storeVersion = null, q
       outcome: record.outcome,
       returned: returned || null,
       binding: { remotePublicKey: keys.publicKey, challenge: record.secret.challenge },
+      biometric: { publicKey: keys.publicKey, credentialId: `bio_${record.id}`, challenge: record.secret.biometricChallenge },
+      // No face service runs here: a real session would fail against it, a scripted one streams nothing.
+      face: { streamingUrl: `wss://face.${relyingParty.rpID}/ws`, token: record.secret.faceToken },
       // A failing run asks for the page of a transaction that does not exist: 404, visibly.
       sekuraUrl: `${state.origin}/sekura/session?tx=${options.fail ? 'tx_unknown' : record.id}`,
     };
@@ -168,6 +181,45 @@ function createSandbox({ host = '127.0.0.1', port = 8800, storeVersion = null, q
     record.binding = { ...verdict, at: new Date().toISOString() };
     transactions.changed(record);
     return [200, verdict];
+  }
+
+  async function checkBiometric(request, response, id) {
+    const record = transactions.get(id);
+    const body = stringsIn(parseJson(request.body, null), ['encryptedChallenge', 'credentialId']);
+    const { privateKey } = await transactions.keys(record);
+    const verdict = body.credentialId === `bio_${record.id}`
+      ? verifyBiometric({ privateKey, challenge: record.secret.biometricChallenge, encryptedChallenge: body.encryptedChallenge })
+      : { verified: false, reason: `credentialId "${body.credentialId}" is not this transaction's` };
+    record.biometric = { ...verdict, at: new Date().toISOString() };
+    transactions.changed(record);
+    return [200, verdict];
+  }
+
+  // Options go out as WebAuthn JSON; a verification takes the "data" of the host's answer.
+  function fidoStep(operation) {
+    return async (request, response, id) => {
+      const record = transactions.get(id);
+      const answer = await relyingParty[operation](record, parseJson(request.body, null));
+      transactions.changed(record);
+      return [200, answer];
+    };
+  }
+
+  // The transaction's push message as a QR code, for a host's scanner: the encrypted one with
+  // ?encrypted=1 (its key is in the mint answer). Made by the qrencode program.
+  function qrCode(request, response, id) {
+    const record = transactions.get(id);
+    const message = request.query.get('encrypted') === '1' ? record.secret.encryptedPayload : record.secret.payload;
+    return new Promise((resolve, reject) => {
+      execFile('qrencode', ['-t', 'PNG', '-s', '6', '-o', '-', JSON.stringify(message)],
+               { encoding: 'buffer', maxBuffer: 1 << 20 }, (error, png) => {
+        if (error) {
+          return reject(error.code === 'ENOENT' ? new HttpError(501, 'the qrencode program is not installed') : error);
+        }
+        send(response, 200, png, 'image/png');
+        resolve();
+      });
+    });
   }
 
   function reportOutcome(request, response, id) {

@@ -52,6 +52,8 @@ class Transactions {
       returnLoads: 0,
       steps: [],
       binding: null,
+      biometric: null,
+      fido: { registration: null, authentication: null },
       sekuraLoads: 0,
       outcome: null,
       resultEmitted: false,
@@ -64,11 +66,13 @@ class Transactions {
     };
     const sealed = encryptPush(JSON.stringify(transaction));
     const payload = { version: 1, id: 'kn_auth', isEncrypted: 0, data: transaction };
+    const encryptedPayload = { ...payload, isEncrypted: 1, data: sealed.ciphertext };
     const actionToken = randomId('at_', 16);
     // Secrets stay off the record that the dashboard and the API show.
     Object.defineProperty(record, 'secret', {
       enumerable: false,
-      value: { actionToken, payload, keys: null, challenge: randomChallenge() },
+      value: { actionToken, payload, encryptedPayload, keys: null, challenge: randomChallenge(), biometricChallenge: randomChallenge(),
+               faceToken: randomId('face_', 16), fido: null },
     });
     this.byId.set(id, record);
     this.onChange(record);
@@ -83,9 +87,10 @@ class Transactions {
       requestId: record.requestId,
       authReqId: record.authReqId,
       push: { payload: JSON.stringify(payload) },
-      pushEncrypted: { payload: JSON.stringify({ ...payload, isEncrypted: 1, data: sealed.ciphertext }) },
+      pushEncrypted: { payload: JSON.stringify(encryptedPayload) },
       encryptionKey: sealed.key,
       deeplink: deeplink.toString(),
+      qr: `${origin}/api/transactions/${id}/qr.png`,
       transaction,
       dashboard: `${origin}/#${id}`,
     };
@@ -110,7 +115,7 @@ class Transactions {
     return [...this.byId.values()];
   }
 
-  // The RSA pair of the page's silent binding, made on first use.
+  // The RSA pair of the page's silent binding and biometric registration, made on first use.
   keys(record) {
     if (!record.secret.keys) record.secret.keys = bindingKeys();
     return record.secret.keys;

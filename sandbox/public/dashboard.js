@@ -36,9 +36,9 @@
   const STATUS_KINDS = { started: 'info', completed: 'ok', userClosed: 'bad', connectionReset: 'bad' };
   const STEP_KINDS = { passed: 'ok', failed: 'bad', info: 'info', running: 'running' };
 
-  function bindingChip(binding) {
-    if (!binding) return chip('not checked');
-    return binding.verified ? chip('verified by the sandbox', 'ok') : chip(`not verified: ${binding.reason}`, 'bad');
+  function verdictChip(verdict, verified = 'verified by the sandbox') {
+    if (!verdict) return chip('not checked');
+    return verdict.verified ? chip(verified, 'ok') : chip(`not verified: ${verdict.reason}`, 'bad');
   }
 
   function transactionCard(record) {
@@ -68,7 +68,13 @@
       ['page', page],
       ['page loads', `${record.pageLoads} (returns ${record.returnLoads})`],
       ['steps', record.steps.map((s) => chip(s.title || s.event, STEP_KINDS[s.status]))],
-      ['silent binding', bindingChip(record.binding)],
+      ['biometric', verdictChip(record.biometric)],
+      ['silent binding', verdictChip(record.binding)],
+      ['passkey', [
+        verdictChip(record.fido.registration, 'registration verified'),
+        verdictChip(record.fido.authentication, record.fido.authentication
+          ? `assertion verified, counter ${record.fido.authentication.counterBefore} → ${record.fido.authentication.counter}` : ''),
+      ]],
       ['Sekura loads', record.sekuraLoads],
       ['result', record.resultEmitted ? chip(`emitted ${record.requestId}`, 'ok') : 'not emitted'],
     ]));

@@ -26,6 +26,13 @@
  *   KelvaneBridge.contract                        per event, what its body must hold (see below)
  *   KelvaneBridge.samples                         a valid body for every event
  *   KelvaneBridge.byteObject(bytes)               bytes in the form the FIDO events read ({"0": 1, "1": 2})
+ *   KelvaneBridge.fidoRegistrationBody(options)   the registerFido body for WebAuthn creation options in
+ *                                                 their JSON form (base64url challenge and user id, as
+ *                                                 a relying-party library issues them)
+ *   KelvaneBridge.fidoAuthenticationBody(options) the signFido body for WebAuthn request options in JSON
+ *
+ * The data of a successful registerFido or signFido answer is a PublicKeyCredential in its JSON
+ * form (id, rawId, type, response, base64url values): post it to the relying party as it is.
  *
  * Errors: a call rejects with a KelvaneBridgeError whose `code` is
  *   notInHost     the host's handler for the event is missing: open the page through the host app
@@ -130,6 +137,34 @@
     var out = {};
     for (var i = 0; i < bytes.length; i++) out[String(i)] = bytes[i];
     return out;
+  }
+
+  function base64urlBytes(text) {
+    var standard = String(text).replace(/-/g, '+').replace(/_/g, '/');
+    while (standard.length % 4) standard += '=';
+    return base64Bytes(standard) || [];
+  }
+
+  // Only a text "alg" reaches the host's authenticator, so the numbers become texts.
+  function fidoRegistrationBody(options) {
+    return { params: { publicKey: {
+      challenge: byteObject(base64urlBytes(options.challenge)),
+      rp: { id: options.rp.id, name: options.rp.name },
+      user: { id: byteObject(base64urlBytes(options.user.id)), name: options.user.name, displayName: options.user.displayName },
+      pubKeyCredParams: (options.pubKeyCredParams || []).map(function (entry) {
+        return { type: entry.type, alg: String(entry.alg) };
+      }),
+    } } };
+  }
+
+  function fidoAuthenticationBody(options) {
+    return { params: { publicKey: {
+      challenge: byteObject(base64urlBytes(options.challenge)),
+      rpId: options.rpId,
+      allowCredentials: (options.allowCredentials || []).map(function (entry) {
+        return { type: entry.type || 'public-key', id: byteObject(base64urlBytes(entry.id)) };
+      }),
+    } } };
   }
 
   var samples = {
@@ -352,6 +387,8 @@
     call: call,
     check: check,
     byteObject: byteObject,
+    fidoRegistrationBody: fidoRegistrationBody,
+    fidoAuthenticationBody: fidoAuthenticationBody,
     isInHost: function () { return events.every(function (name) { return handler(name) !== null; }); },
     KelvaneBridgeError: KelvaneBridgeError,
   };

@@ -32,6 +32,31 @@
     return verdict.verified ? null : `not verified by the sandbox (${verdict.reason})`;
   }
 
+  // Asks the sandbox, as the relying party, for WebAuthn options; the kit turns them into the body.
+  async function fidoBody(kind) {
+    const options = await postJson(`${api}/fido/${kind}/options`, {});
+    return kind === 'registration' ? bridge.fidoRegistrationBody(options) : bridge.fidoAuthenticationBody(options);
+  }
+
+  // The relying party verifies the credential the host answered with.
+  function fidoCheck(kind) {
+    return async (answer) => {
+      if (answer.success !== true || !answer.data) return answer.message || 'the host made no credential';
+      const verdict = await postJson(`${api}/fido/${kind}`, answer.data);
+      return verdict.verified ? null : `not verified by the sandbox (${verdict.reason})`;
+    };
+  }
+
+  async function checkBiometric(answer) {
+    if (answer.success !== true) return answer.message || 'the device owner did not authenticate';
+    const verdict = await postJson(`${api}/biometric`, {
+      encryptedChallenge: answer.encryptedChallenge || '', credentialId: answer.credentialId || '',
+    });
+    return verdict.verified ? null : `not verified by the sandbox (${verdict.reason})`;
+  }
+
+  const OWNER_HINT = 'The host asks for the device owner\'s password.';
+
   function verifyPlan() {
     const plan = [
       { event: 'isEventSupported', must: true,
@@ -41,7 +66,14 @@
         },
         explain: (a) => `all ${a.supportedEvents.length} events supported` },
       { event: 'checkBiometric',
-        explain: (a) => (a.registered ? 'a biometric key is registered' : 'no biometric key: this desktop has no biometrics yet') },
+        explain: (a) => (a.registered ? 'a biometric key is registered' : 'no biometric key registered yet') },
+      { event: 'registerBiometric', must: true, timeout: 120000, hint: OWNER_HINT,
+        body: () => ({ publicKey: config.biometric.publicKey, credentialId: config.biometric.credentialId }),
+        check: (a) => (a.success === true ? null : a.message || 'not registered'),
+        explain: () => 'device owner authenticated; the sandbox key is registered' },
+      { event: 'verifyBiometric', must: true, timeout: 120000, hint: OWNER_HINT,
+        body: () => ({ challenge: config.biometric.challenge }), check: checkBiometric,
+        explain: () => 'challenge sealed after the owner authenticated; verified by the sandbox' },
       { event: 'registerSilentBinding', must: true,
         check: (a) => (a.success === true && a.encryptedDeviceId ? null : a.message || 'no encryptedDeviceId'),
         explain: () => 'device secret sealed with the sandbox key' },
@@ -54,6 +86,13 @@
         explain: () => 'copied to the clipboard' },
       { event: 'getFcmToken', must: true, check: (a) => (typeof a.pushToken === 'string' ? null : 'no push token'),
         explain: (a) => `${a.pushType} token ${short(a.pushToken)}` },
+      { event: 'registerFido', must: true, timeout: 120000, body: () => fidoBody('registration'),
+        check: fidoCheck('registration'), explain: () => 'passkey registered; attestation verified by the sandbox' },
+      { event: 'signFido', must: true, timeout: 120000, body: () => fidoBody('authentication'),
+        check: fidoCheck('authentication'), explain: () => 'assertion verified by the sandbox against the registered key' },
+      { event: 'registerIproov', must: true, timeout: 120000, body: () => config.face,
+        check: (a) => (a.success === true ? null : a.error || 'the face session failed'),
+        explain: (a) => a.message },
       { event: 'loadSekuraSessionUrl', must: true,
         check: (a) => (a.success === true && a.result && a.result.status_code === 200 ? null
           : `the Sekura session answered ${a.result ? a.result.status_code : a.message}`),
@@ -94,7 +133,7 @@
       if (definition.run) {
         await definition.run(step);
       } else {
-        step.sent = bodies[definition.event];
+        step.sent = definition.body ? await definition.body() : bodies[definition.event];
         step.answer = await bridge.call(definition.event, step.sent, { timeout: definition.timeout });
         const problem = definition.check ? await definition.check(step.answer) : null;
         step.status = problem ? 'failed' : step.must ? 'passed' : 'info';

@@ -240,3 +240,37 @@ test('the commands: mint.js writes its files or says why not; the server announc
   stopped.kill('SIGTERM');
   assert.equal(await new Promise((resolve) => stopped.on('exit', resolve)), 0);
 });
+
+test('checks of the device: the biometric challenge, the relying party\'s order and refusals, the QR code', bounded, async () => {
+  const minted = await mint();
+  const config = await pageConfig(`/verify/${minted.id}`);
+  const api = `/api/transactions/${minted.id}`;
+
+  const publicKey = crypto.createPublicKey({ key: Buffer.from(config.biometric.publicKey, 'base64'), format: 'der', type: 'pkcs1' });
+  const seal = (base64) => crypto.publicEncrypt({ key: publicKey, padding: crypto.constants.RSA_PKCS1_OAEP_PADDING, oaepHash: 'sha1' },
+                                                Buffer.from(base64, 'base64')).toString('base64');
+  const credentialId = config.biometric.credentialId;
+  assert.equal((await call('POST', `${api}/biometric`, { credentialId })).status, 400);
+  assert.equal((await call('POST', `${api}/biometric`, { encryptedChallenge: seal('AAAA'), credentialId })).json.verified, false);
+  assert.equal((await call('POST', `${api}/biometric`, { encryptedChallenge: seal(config.biometric.challenge), credentialId: 'bio_x' }))
+    .json.verified, false);
+  assert.deepEqual((await call('POST', `${api}/biometric`, { encryptedChallenge: seal(config.biometric.challenge), credentialId })).json,
+                   { verified: true, reason: null });
+
+  // Options before anything to verify, and a verification refused with the library's reason.
+  assert.equal((await call('POST', `${api}/fido/registration`, { id: 'x', response: {} })).status, 409);
+  assert.equal((await call('POST', `${api}/fido/authentication/options`, {})).status, 409);
+  const options = (await call('POST', `${api}/fido/registration/options`, {})).json;
+  assert.equal(options.rp.id, 'sandbox.kelvane.test');
+  assert.deepEqual(options.pubKeyCredParams, [{ alg: -7, type: 'public-key' }]);
+  assert.equal((await call('POST', `${api}/fido/registration`, [])).status, 400);
+  const refused = (await call('POST', `${api}/fido/registration`, { id: 'AQ', rawId: 'AQ', type: 'public-key',
+    response: { clientDataJSON: 'e30', attestationObject: 'oA' } })).json;
+  assert.equal(refused.verified, false);
+  assert.ok(refused.reason.length > 0);
+  assert.deepEqual((await record(minted.id)).fido.registration.verified, false);
+
+  const png = await fetch(`${origin}${api}/qr.png?encrypted=1`);
+  assert.equal(png.headers.get('content-type'), 'image/png');
+  assert.deepEqual([...new Uint8Array(await png.arrayBuffer()).subarray(0, 4)], [0x89, 0x50, 0x4e, 0x47]);
+});

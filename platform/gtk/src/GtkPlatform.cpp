@@ -1,12 +1,16 @@
 #include <kelvane/gtk/GtkPlatform.hpp>
 
+#include "DesktopFaceVerification.hpp"
 #include "DesktopPasskeys.hpp"
 #include "DesktopServices.hpp"
+#include "GeoClueLocation.hpp"
 #include "GtkViewSystem.hpp"
 #include "GtkWebView.hpp"
 #include "JsonFileStore.hpp"
 #include "LinuxDevice.hpp"
 #include "MainContextQueue.hpp"
+#include "PamAuthentication.hpp"
+#include "QrCamera.hpp"
 
 #include <glib.h>
 
@@ -49,9 +53,14 @@ platform::Platform makePlatform(const std::string& bundleIdentifier, const std::
     ports.keyValueStore = std::make_shared<JsonFileStore>(keyValueStoreFile(bundleIdentifier));
     ports.device = std::make_shared<LinuxDevice>(bundleIdentifier);
     ports.bundle = std::make_shared<FixedBundle>(bundleIdentifier, shortVersion);
+    ports.localAuthentication = std::make_shared<PamAuthentication>(options.pamService);
+    // GeoClue knows an app by its desktop file's name, which is its bundle identifier.
+    ports.location = std::make_shared<GeoClueLocation>(bundleIdentifier);
     ports.networkPaths = std::make_shared<LinuxNetworkPaths>();
     ports.urlOpener = std::make_shared<GioURLOpener>();
     ports.documents = std::make_shared<XdgDocuments>();
+    ports.camera = std::make_shared<QrCamera>(options.qrImages, options.videoDevice);
+    ports.faceVerification = std::make_shared<DesktopFaceVerification>(options.scriptedFaceVerification);
     ports.passkeys = std::make_shared<DesktopPasskeys>(options.passkeyRelyingParties);
     return ports;
 }

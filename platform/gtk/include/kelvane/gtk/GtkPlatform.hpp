@@ -21,10 +21,17 @@ namespace kelvane::gtk {
 
 // How the desktop ports behave where a host may choose.
 struct DesktopOptions {
-    // Device-owner authentication: the PAM service that checks the logged-in user's password.
+    // Device-owner authentication: the PAM service that checks the logged-in user's password
+    // (its file under /etc/pam.d). Without that file the owner cannot be authenticated, and the
+    // answer is that no passcode is set.
     std::string pamService = "login";
     // Camera: PNG images read in turn instead of a video device, for hosts without a camera.
+    // Each scanner session shows them from the first, a moment apart, through the same
+    // detection and preview as a camera's pictures; the last one stays in the picture and is
+    // not read again.
     std::vector<std::filesystem::path> qrImages;
+    // Camera: the V4L2 device node to read; empty takes the lowest-numbered /dev/videoN.
+    std::filesystem::path videoDevice;
     // Face verification: play a session that connects, processes and succeeds, instead of
     // failing for want of a face-verification library.
     bool scriptedFaceVerification = false;
