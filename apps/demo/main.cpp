@@ -126,10 +126,12 @@ int main(int argc, char** argv) {
     // 1. The platform: the desktop's ports, installed before the first call into the library.
     //    The demo wraps a few of them to watch the flow (Watchers.cpp); a host has no need to.
     //    This desktop has no face-verification library, so the demo plays a scripted session;
-    //    a QR code comes from the --qr image instead of a camera.
+    //    a QR code comes from the --qr image instead of a camera; passkeys are allowed for the
+    //    sandbox's relying party, as an app names its associated domains.
     kelvane::gtk::DesktopOptions desktop;
     desktop.scriptedFaceVerification = true;
     if (options.qrFile) desktop.qrImages = {*options.qrFile};
+    desktop.passkeyRelyingParties = {"sandbox.kelvane.test"};
     kelvane::platform::Platform ports = kelvane::gtk::makePlatform(kBundleIdentifier, options.appVersion, desktop);
     demo::watch(ports, run, [&](const std::string& url) {
         // The other app of a hand-off opened the host again through its scheme: the host
