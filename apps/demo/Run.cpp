@@ -71,6 +71,7 @@ void Run::note(Clock::time_point at, const std::string& text, bool onScreen) { l
 
 void Run::starting(const Transaction& transaction) {
     transaction_ = transaction.description;
+    sandboxRecord_ = transaction.sandboxRecord;
     screen_.setStarted();
     note(now(), "transaction " + transaction_);
 }
@@ -210,6 +211,9 @@ void Run::printSummary() const {
     auto since = [&](const std::optional<Clock::time_point>& at) {
         return at && fedAt_ ? seconds(*at - *fedAt_) : std::string("none");
     };
+    if (sandboxRecord_ && fedAt_) {
+        for (const auto& check : sandboxChecks(*sandboxRecord_)) std::printf("  sandbox:        %s\n", check.c_str());
+    }
     std::printf("  time to page:   %s\n", since(pageAt_).c_str());
     std::printf("  time to result: %s\n", since(resultAt_).c_str());
     std::printf("  close reason:   %s\n", closeReason_ ? closeReason_->c_str() : "none");

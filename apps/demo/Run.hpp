@@ -79,6 +79,7 @@ private:
     Clock::time_point start_;
     std::optional<Clock::time_point> fedAt_, pageAt_, resultAt_;
     std::string transaction_;
+    std::optional<std::string> sandboxRecord_;
     std::vector<PageEvent> events_;
     std::weak_ptr<kelvane::ViewController> flow_;
     bool flowSeen_ = false;

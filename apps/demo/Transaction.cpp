@@ -136,6 +136,7 @@ LoadResult mint(const Options& options) {
     transaction.description = id + " (request id " + kelvane::json::getString(*minted, "requestId").value_or("?") +
                               (options.plain ? ", plain " : ", encrypted ") + (options.qrFile ? "QR code)" : "push)");
     transaction.key = options.plain ? options.key : key;
+    transaction.sandboxRecord = *options.sandbox + "/api/transactions/" + id;
     if (options.qrFile) {
         auto code = kelvane::json::getString(*minted, "qr");
         if (!code) return failure(kNoSandbox, where + " minted " + id + " without a QR code");
@@ -149,7 +150,42 @@ LoadResult mint(const Options& options) {
     return {std::move(transaction), kCompleted, {}};
 }
 
+std::string verdictText(const Json& verdict, const std::string& what) {
+    if (!verdict.is_object()) return what + " not checked";
+    if (!kelvane::json::getBool(verdict, "verified").value_or(false)) {
+        return what + " NOT verified (" + kelvane::json::getString(verdict, "reason").value_or("no reason") + ")";
+    }
+    auto before = kelvane::json::getInt(verdict, "counterBefore");
+    auto after = kelvane::json::getInt(verdict, "counter");
+    if (before && after) return what + " verified, counter " + std::to_string(*before) + " -> " + std::to_string(*after);
+    return what + " verified";
+}
+
 }  // namespace
+
+std::vector<std::string> sandboxChecks(const std::string& recordURL) {
+    std::string answer;
+    CURL* curl = curl_easy_init();
+    if (!curl) return {};
+    curl_easy_setopt(curl, CURLOPT_URL, recordURL.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 5L);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    CURLcode code = curl_easy_perform(curl);
+    curl_easy_cleanup(curl);
+    auto record = code == CURLE_OK ? kelvane::json::parse(answer) : std::nullopt;
+    if (!record || !record->is_object()) return {};
+    const Json none;
+    auto member = [&](const Json& object, const char* name) -> const Json& {
+        return object.is_object() && object.contains(name) ? object[name] : none;
+    };
+    const Json& fido = member(*record, "fido");
+    return {verdictText(member(*record, "biometric"), "biometric challenge"),
+            verdictText(member(*record, "binding"), "silent binding"),
+            verdictText(member(fido, "registration"), "passkey registration"),
+            verdictText(member(fido, "authentication"), "passkey assertion")};
+}
 
 void loadTransaction(const Options& options, std::function<void(LoadResult)> done) {
     auto deliver = [done](LoadResult result) {

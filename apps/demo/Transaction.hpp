@@ -10,6 +10,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace demo {
 
@@ -22,6 +23,8 @@ struct Transaction {
     std::optional<std::string> deeplink;
     std::optional<std::string> qrImage;
     std::optional<std::string> key;
+    // Where the sandbox shows what it recorded of a transaction it minted.
+    std::optional<std::string> sandboxRecord;
 };
 
 struct LoadResult {
@@ -34,5 +37,10 @@ struct LoadResult {
 // its own (writing its QR code to the --qr file, when one is named), or else takes the --qr
 // file as it is. `done` runs once, on the main queue.
 void loadTransaction(const Options& options, std::function<void(LoadResult)> done);
+
+// What the sandbox checked of the device's answers ("passkey assertion verified, counter 0 -> 1",
+// ...), read from its record of the transaction; nothing when it cannot be read. Blocks for at
+// most a few seconds.
+std::vector<std::string> sandboxChecks(const std::string& recordURL);
 
 }  // namespace demo
