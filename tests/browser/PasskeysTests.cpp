@@ -349,6 +349,7 @@ TEST_F(Passkeys, ARelyingPartyVerifiesTheRegistrationAndEachAssertionWithARising
         verdict(verify({{"op", "register"}, {"challenge", base64url(challenge)}, {"response", registered["data"]}}),
                 "REGISTERED");
     ASSERT_EQ(result["verified"], true) << result;
+    EXPECT_EQ(result["userVerified"], false) << "nothing here verifies the user";
     EXPECT_EQ(result["fmt"], "none");
     Json credential = result["credential"];
     EXPECT_EQ(credential["id"], registered["data"]["id"]);
@@ -381,6 +382,7 @@ TEST_F(Passkeys, ARelyingPartyVerifiesTheRegistrationAndEachAssertionWithARising
                                        {"credential", credential}}),
                                "AUTHENTICATED");
         ASSERT_EQ(outcome["verified"], true) << outcome;
+        EXPECT_EQ(outcome["userVerified"], false);
         EXPECT_GT(outcome["newCounter"].get<int>(), credential["counter"].get<int>());
         credential["counter"] = outcome["newCounter"];
         lastAssertion =

@@ -21,13 +21,14 @@ async function handle(request) {
     expectedChallenge: request.challenge,
     expectedOrigin: `https://${request.rpId}`,
     expectedRPID: request.rpId,
-    requireUserVerification: true,
+    requireUserVerification: false,
   };
   if (request.op === 'register') {
     const result = await verifyRegistrationResponse(common);
     const info = result.registrationInfo;
     return 'REGISTERED ' + JSON.stringify({
       verified: result.verified,
+      userVerified: info && info.userVerified,
       fmt: info && info.fmt,
       credential: info && {
         id: info.credential.id,
@@ -43,7 +44,8 @@ async function handle(request) {
     ...common,
     credential: { id: credential.id, publicKey: Buffer.from(credential.publicKey, 'base64url'), counter: credential.counter },
   });
-  return 'AUTHENTICATED ' + JSON.stringify({ verified: result.verified, newCounter: result.authenticationInfo.newCounter });
+  return 'AUTHENTICATED ' + JSON.stringify({ verified: result.verified, newCounter: result.authenticationInfo.newCounter,
+                                             userVerified: result.authenticationInfo.userVerified });
 }
 
 const lines = readline.createInterface({ input: process.stdin });

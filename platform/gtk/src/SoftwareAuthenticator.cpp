@@ -76,7 +76,7 @@ Bytes sha256(ByteView data) {
     return digest;
 }
 
-constexpr std::uint8_t kUserPresent = 0x01, kUserVerified = 0x04, kAttestedCredential = 0x40;
+constexpr std::uint8_t kUserPresent = 0x01, kAttestedCredential = 0x40;
 
 Bytes authenticatorData(const std::string& relyingPartyIdentifier, std::uint8_t flags, std::uint32_t signCount) {
     Bytes data = sha256(asBytes(relyingPartyIdentifier));
@@ -161,9 +161,10 @@ Result<SoftwareAuthenticator::Registration> SoftwareAuthenticator::makeCredentia
     coseKey.map(5).integer(1).integer(2).integer(3).integer(-7).integer(-1).integer(1);
     coseKey.integer(-2).bytes(ByteView(point).subspan(1, 32)).integer(-3).bytes(ByteView(point).subspan(33, 32));
 
-    // No user gesture is asked for: presence and verification are the unlocked desktop session's.
-    Bytes authData =
-        authenticatorData(request.relyingPartyIdentifier, kUserPresent | kUserVerified | kAttestedCredential, 0);
+    // Presence is the user's own action in the app that started the ceremony. No password or
+    // other proof is asked for here, so the user-verified flag stays clear: a relying party that
+    // requires verification refuses these credentials rather than trusting a claim.
+    Bytes authData = authenticatorData(request.relyingPartyIdentifier, kUserPresent | kAttestedCredential, 0);
     authData.insert(authData.end(), 16, 0);  // AAGUID: none claimed
     appendBigEndian(authData, passkey.credentialID.size(), 2);
     authData.insert(authData.end(), passkey.credentialID.begin(), passkey.credentialID.end());
@@ -192,7 +193,7 @@ Result<PlatformCredentialAssertion> SoftwareAuthenticator::getAssertion(const Pl
     assertion.rawClientDataJSON = clientDataJSON("webauthn.get", request.challenge, request.relyingPartyIdentifier);
     assertion.userID = passkey.userHandle;
     const std::uint32_t count = passkey.signCount + 1;
-    Bytes authData = authenticatorData(request.relyingPartyIdentifier, kUserPresent | kUserVerified, count);
+    Bytes authData = authenticatorData(request.relyingPartyIdentifier, kUserPresent, count);
 
     Bytes signed_ = authData;
     auto clientHash = sha256(assertion.rawClientDataJSON);
