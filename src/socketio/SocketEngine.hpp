@@ -132,7 +132,7 @@ private:
     void probeWebSocket();
     void upgradeTransport();
     void flushProbeWait();
-    void sendWebSocketMessage(const std::string& text, SocketEnginePacketType type, const std::vector<Bytes>& data,
+    void sendWebSocketMessage(std::string text, SocketEnginePacketType type, const std::vector<Bytes>& data,
                               Completion completion);
     std::variant<std::monostate, Bytes, std::string> createBinaryDataForSend(const Bytes& data) const;
     void handleBase64(const std::string& message);

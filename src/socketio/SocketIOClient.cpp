@@ -27,9 +27,11 @@ Queue::Duration delay(double seconds) {
     return std::chrono::duration_cast<Queue::Duration>(std::chrono::duration<double>(seconds));
 }
 
-Result<std::vector<Json>> represent(const std::vector<SocketItem>& items) {
+// The items' values, after the event's name when there is one.
+Result<std::vector<Json>> represent(const std::vector<SocketItem>& items, const std::string* event = nullptr) {
     std::vector<Json> values;
-    values.reserve(items.size());
+    values.reserve(items.size() + 1);
+    if (event) values.emplace_back(*event);
     for (const auto& item : items) {
         auto value = item.socketRepresentation();
         if (!value) return value.error();
@@ -289,7 +291,7 @@ void SocketIOClient::removeAllHandlers() { handlers.clear(); }
 
 void SocketIOClient::emit(const std::string& event, const std::vector<SocketItem>& items,
                           std::function<void()> completion) {
-    auto values = represent(items);
+    auto values = represent(items, &event);
     if (!values) {
         socketError(logType_, [&] {
             return "Error creating socketRepresentation for emit: " + event + ", " + printed(shown(items));
@@ -297,11 +299,11 @@ void SocketIOClient::emit(const std::string& event, const std::vector<SocketItem
         handleClientEvent(SocketClientEvent::error, {Json(event), shown(items), Json(values.error().text())});
         return;
     }
-    emit(withEvent(event, std::move(*values)), -1, true, false, std::move(completion));
+    emit(std::move(*values), -1, true, false, std::move(completion));
 }
 
 OnAckCallback SocketIOClient::emitWithAck(const std::string& event, const std::vector<SocketItem>& items) {
-    auto values = represent(items);
+    auto values = represent(items, &event);
     if (!values) {
         socketError(logType_, [&] {
             return "Error creating socketRepresentation for emit: " + event + ", " + printed(shown(items));
@@ -309,7 +311,7 @@ OnAckCallback SocketIOClient::emitWithAck(const std::string& event, const std::v
         handleClientEvent(SocketClientEvent::error, {Json(event), shown(items), Json(values.error().text())});
         return OnAckCallback(-1, {}, weak_from_this());
     }
-    return createOnAck(withEvent(event, std::move(*values)), true);
+    return createOnAck(std::move(*values), true);
 }
 
 void SocketIOClient::emit(std::vector<Json> data, std::int64_t ack, bool binary, bool isAck,

@@ -45,8 +45,8 @@ void WebSocket::write(Bytes data, Engine::WriteCompletion completion) {
     engine_->write(std::move(data), FrameOpCode::binaryFrame, std::move(completion));
 }
 
-void WebSocket::write(const std::string& string, Engine::WriteCompletion completion) {
-    engine_->write(string, std::move(completion));
+void WebSocket::write(std::string string, Engine::WriteCompletion completion) {
+    engine_->write(std::move(string), std::move(completion));
 }
 
 void WebSocket::writeStringData(Bytes stringData, Engine::WriteCompletion completion) {

@@ -48,7 +48,7 @@ public:
     void disconnect(std::uint16_t closeCode = static_cast<std::uint16_t>(CloseCode::normal));
     void forceDisconnect();
     void write(Bytes data, Engine::WriteCompletion completion = {});
-    void write(const std::string& string, Engine::WriteCompletion completion = {});
+    void write(std::string string, Engine::WriteCompletion completion = {});
     // Bytes that are already UTF-8 text, sent as a text frame.
     void writeStringData(Bytes stringData, Engine::WriteCompletion completion = {});
     void writePing(Bytes ping, Engine::WriteCompletion completion = {});
