@@ -314,6 +314,11 @@ void SocketEngine::createWebSocketAndConnect() {
     ws_->connect();
 }
 
+void SocketEngine::didReceive(websocket::WebSocketEvent&& event, websocket::WebSocket& client) {
+    if (event.kind == websocket::WebSocketEvent::Kind::text) return parseEngineMessage(std::move(event.text));
+    didReceive(std::as_const(event), client);
+}
+
 void SocketEngine::didReceive(const websocket::WebSocketEvent& event, websocket::WebSocket&) {
     using Kind = websocket::WebSocketEvent::Kind;
     switch (event.kind) {

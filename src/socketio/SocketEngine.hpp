@@ -61,6 +61,8 @@ public:
 
     // The WebSocket's events, on engineQueue.
     void didReceive(const websocket::WebSocketEvent& event, websocket::WebSocket& client) override;
+    // Takes the text of a message rather than copying it.
+    void didReceive(websocket::WebSocketEvent&& event, websocket::WebSocket& client) override;
     // The polling session's end, on engineQueue.
     void didBecomeInvalid(const std::optional<Error>& error) override;
 

@@ -348,11 +348,18 @@ OnAckCallback SocketIOClient::createOnAck(std::vector<Json> items, bool binary) 
 
 // Incoming
 
-void SocketIOClient::handlePacket(const SocketPacket& packet) {
+void SocketIOClient::handlePacket(SocketPacket packet) {
     if (packet.nsp() != nsp_) return;
     switch (packet.type()) {
         case PacketType::event:
-        case PacketType::binaryEvent: handleEvent(packet.event(), packet.args(), false, packet.id()); break;
+        case PacketType::binaryEvent: {
+            // The packet is ours: its arguments are taken, not copied (what args() gives).
+            std::string event = packet.event();
+            std::vector<Json> args = std::move(packet.data);
+            if (!args.empty()) args.erase(args.begin());
+            handleEvent(event, args, false, packet.id());
+            break;
+        }
         case PacketType::ack:
         case PacketType::binaryAck: handleAck(packet.id(), packet.data); break;
         case PacketType::connect: {
@@ -379,10 +386,15 @@ void SocketIOClient::handleEvent(const std::string& event, const std::vector<Jso
     // Keeps the client alive through handlers that drop the last outside reference.
     auto self = weak_from_this().lock();
     if (anyHandler) anyHandler(SocketAnyEvent{event, data});
-    // Over a copy: handlers added or removed by a callback do not change this dispatch.
-    auto current = handlers;
-    for (const auto& handler : current) {
-        if (handler.event == event) handler.executeCallback(data, ack, self);
+    // Over a copy of the callbacks that match: handlers added or removed by a callback do not
+    // change this dispatch.
+    std::vector<NormalCallback> current;
+    for (const auto& handler : handlers) {
+        if (handler.event == event) current.push_back(handler.callback);
+    }
+    for (const auto& callback : current) {
+        SocketAckEmitter emitter(self, ack);
+        callback(data, emitter);
     }
 }
 

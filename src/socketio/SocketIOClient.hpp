@@ -182,7 +182,7 @@ public:
     OnAckCallback createOnAck(std::vector<Json> items, bool binary);
 
     // Incoming, from the manager.
-    void handlePacket(const SocketPacket& packet);
+    void handlePacket(SocketPacket packet);
     void handleAck(std::int64_t ack, const std::vector<Json>& data);
     void handleEvent(const std::string& event, const std::vector<Json>& data, bool isInternalMessage,
                      std::int64_t ack = -1);
