@@ -486,6 +486,8 @@ bool oneInFlight(const std::shared_ptr<Queue>& queue, SocketIOSession* socketio,
         into.spent.threadSwitches += block.threadSwitches;
         into.spent.threadFaults += block.threadFaults;
         into.spent.threadAllocations += block.threadAllocations;
+        into.spent.allocations += block.allocations;
+        into.spent.syscalls += block.syscalls;
     };
     for (int block = 0; block < kBlocks; ++block) {
         if (socketio) {
@@ -552,6 +554,14 @@ bool profileRun(const std::shared_ptr<Queue>& queue, int port, const std::string
     const std::string payload = payloadOf(100);
     OneInFlight client, reference;
     if (which == "timers") return ackAftermath(queue, port, payload);
+    if (which == "pipelined") {
+        SocketIOSession session(queue, port, false);
+        if (!session.connect()) return fail("the Socket.IO client did not connect");
+        Usage before = Usage::now(*queue);
+        if (!session.echo(payload, 50000, 64)->wait()) return fail("the pipelined echo failed");
+        printSpent("socketio 64 in flight", perMessage(before, Usage::now(*queue), 50000));
+        return true;
+    }
     if (which == "socketio") {
         SocketIOSession session(queue, port, false);
         if (!session.connect()) return fail("the Socket.IO client did not connect");
@@ -564,7 +574,7 @@ bool profileRun(const std::shared_ptr<Queue>& queue, int port, const std::string
         bare->close();
         printOneInFlight("bare websocket one in flight", reference);
     } else {
-        return fail("profile-socketio, profile-bare or profile-timers");
+        return fail("profile-socketio, profile-bare, profile-pipelined or profile-timers");
     }
     return true;
 }
