@@ -40,6 +40,18 @@ Result<std::vector<Json>> represent(const std::vector<SocketItem>& items, const 
     return values;
 }
 
+// The items' values moved out, after the event's name, when every item is a plain value.
+std::optional<std::vector<Json>> takeValues(std::vector<SocketItem>& items, const std::string& event) {
+    for (auto& item : items) {
+        if (item.isCustom()) return std::nullopt;
+    }
+    std::vector<Json> values;
+    values.reserve(items.size() + 1);
+    values.emplace_back(event);
+    for (auto& item : items) values.push_back(*item.takeValue());
+    return values;
+}
+
 // For log lines and error events: an item that does not convert shows as its error's text.
 Json shown(const std::vector<SocketItem>& items) {
     Json list = Json::array();
@@ -300,6 +312,18 @@ void SocketIOClient::emit(const std::string& event, const std::vector<SocketItem
         return;
     }
     emit(std::move(*values), -1, true, false, std::move(completion));
+}
+
+void SocketIOClient::emit(const std::string& event, std::vector<SocketItem>&& items, std::function<void()> completion) {
+    auto values = takeValues(items, event);
+    if (!values) return emit(event, std::as_const(items), std::move(completion));
+    emit(std::move(*values), -1, true, false, std::move(completion));
+}
+
+OnAckCallback SocketIOClient::emitWithAck(const std::string& event, std::vector<SocketItem>&& items) {
+    auto values = takeValues(items, event);
+    if (!values) return emitWithAck(event, std::as_const(items));
+    return createOnAck(std::move(*values), true);
 }
 
 OnAckCallback SocketIOClient::emitWithAck(const std::string& event, const std::vector<SocketItem>& items) {
