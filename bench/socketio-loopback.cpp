@@ -8,10 +8,16 @@
 #include "websocket/Compression.hpp"
 #include "websocket/WebSocket.hpp"
 
+#include <linux/perf_event.h>
 #include <malloc.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <zlib.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -27,12 +33,15 @@
 #include <vector>
 
 // Allocations per thread: the network thread's count per round trip shows where the time goes.
-// A plain thread-local keeps the counting itself out of the figures.
+// A plain thread-local keeps the counting itself out of the figures; the process-wide count
+// (relaxed, two threads at most touch it) gives the per-event figures.
 namespace {
 thread_local std::uint64_t allocationCount = 0;
+std::atomic<std::uint64_t> processAllocations{0};
 
 void* allocate(std::size_t size) {
     ++allocationCount;
+    processAllocations.fetch_add(1, std::memory_order_relaxed);
     if (void* memory = std::malloc(size ? size : 1)) return memory;
     throw std::bad_alloc();
 }
@@ -57,6 +66,38 @@ constexpr auto kConnectBound = std::chrono::seconds(10);
 constexpr double kAckSeconds = 10;
 
 double micros(Clock::duration duration) { return std::chrono::duration<double, std::micro>(duration).count(); }
+
+// A count of the calling thread's system calls, every kind (epoll_wait and futex included),
+// from the kernel's syscall tracepoint; -1 where the kernel does not let this process count.
+int openSyscallCounter() {
+    long id = -1;
+    for (const char* path : {"/sys/kernel/tracing/events/raw_syscalls/sys_enter/id",
+                             "/sys/kernel/debug/tracing/events/raw_syscalls/sys_enter/id"}) {
+        if (FILE* file = std::fopen(path, "r")) {
+            if (std::fscanf(file, "%ld", &id) != 1) id = -1;
+            std::fclose(file);
+        }
+        if (id >= 0) break;
+    }
+    if (id < 0) return -1;
+    perf_event_attr attr{};
+    attr.type = PERF_TYPE_TRACEPOINT;
+    attr.size = sizeof attr;
+    attr.config = static_cast<std::uint64_t>(id);
+    return static_cast<int>(syscall(SYS_perf_event_open, &attr, 0, -1, -1, 0));
+}
+
+std::uint64_t syscallsOf(int counter) {
+    std::uint64_t value = 0;
+    if (counter < 0 || read(counter, &value, sizeof value) != sizeof value) return 0;
+    return value;
+}
+
+// The two threads that do the work: the network thread (every serial queue) and the main one.
+std::uint64_t threadSyscalls() {
+    thread_local const int counter = openSyscallCounter();
+    return syscallsOf(counter);
+}
 
 // Opened on the network thread, awaited (with a bound) on the main one.
 class Latch {
@@ -86,6 +127,8 @@ struct Usage {
     long threadSwitches = 0;  // voluntary: the times it waited for work
     long threadFaults = 0;
     std::uint64_t threadAllocations = 0;
+    std::uint64_t allocations = 0;  // whole process
+    std::uint64_t syscalls = 0;     // the network and main threads
 
     static Usage now(Queue& queue) {
         Usage usage;
@@ -97,8 +140,11 @@ struct Usage {
             usage.threadSwitches = thread.ru_nvcsw;
             usage.threadFaults = thread.ru_minflt;
             usage.threadAllocations = allocationCount;
+            usage.syscalls = threadSyscalls();
         });
         usage.processCpu = bench::cpuSeconds(RUSAGE_SELF);
+        usage.allocations = processAllocations.load(std::memory_order_relaxed);
+        usage.syscalls += threadSyscalls();
         return usage;
     }
 };
@@ -110,6 +156,8 @@ struct Spent {
     double threadSwitches = 0;
     double threadFaults = 0;
     double threadAllocations = 0;
+    double allocations = 0;
+    double syscalls = 0;
 };
 
 Spent perMessage(const Usage& before, const Usage& after, int count) {
@@ -117,7 +165,9 @@ Spent perMessage(const Usage& before, const Usage& after, int count) {
             (after.threadSystem - before.threadSystem) * 1e6 / count,
             static_cast<double>(after.threadSwitches - before.threadSwitches) / count,
             static_cast<double>(after.threadFaults - before.threadFaults) / count,
-            static_cast<double>(after.threadAllocations - before.threadAllocations) / count};
+            static_cast<double>(after.threadAllocations - before.threadAllocations) / count,
+            static_cast<double>(after.allocations - before.allocations) / count,
+            static_cast<double>(after.syscalls - before.syscalls) / count};
 }
 
 // Echoes driven from the network thread: each answer sends the next, so that nothing but the
@@ -235,6 +285,68 @@ public:
         return loop;
     }
 
+    // `count` emits that the server does not answer, 64 to a task, then one acked emit behind
+    // them: the emit path alone. False if the ack does not come.
+    bool emitUnanswered(const std::string& payload, int count) {
+        auto latch = std::make_shared<Latch>();
+        auto chunk = std::make_shared<std::function<void(int)>>();
+        *chunk = [this, &payload, count, latch, chunk](int sent) {
+            const int end = std::min(count, sent + 64);
+            for (; sent < end; ++sent) socket_->emit("drop", {payload});
+            if (sent < count) {
+                queue_->async([chunk, sent] { (*chunk)(sent); });
+                return;
+            }
+            socket_->emitWithAck("drop", {}).timingOut(kAckSeconds, [latch](const std::vector<Json>&) { latch->open(); });
+            *chunk = nullptr;
+        };
+        queue_->async([chunk] { (*chunk)(0); });
+        return latch->wait(kBound);
+    }
+
+    // The server sends `count` events carrying `payload`, then answers: the receive path alone.
+    bool receiveFlood(const std::string& payload, int count) {
+        auto latch = std::make_shared<Latch>();
+        auto received = std::make_shared<int>(0);
+        bool complete = false;
+        queue_->sync([&] {
+            socket_->on("flooded", [received](const std::vector<Json>&, SocketAckEmitter&) { ++*received; });
+            socket_->emitWithAck("flood", {std::string("flooded"), count, payload})
+                .timingOut(kAckSeconds, [&complete, received, count, latch](const std::vector<Json>&) {
+                    complete = *received == count;
+                    latch->open();
+                });
+        });
+        const bool answered = latch->wait(kBound);
+        queue_->sync([&] { socket_->off("flooded"); });
+        return answered && complete;
+    }
+
+    // Acked echoes emitted from the calling thread, each awaited there before the next: the
+    // round trip of an application that waits. Microseconds of each, or nothing on a failure.
+    std::optional<std::vector<double>> waitedEchoes(const std::string& payload, int count) {
+        std::vector<double> times;
+        times.reserve(static_cast<std::size_t>(count));
+        std::mutex mutex;
+        std::condition_variable changed;
+        for (int i = 0; i < count; ++i) {
+            bool answered = false, right = false;
+            const auto sentAt = Clock::now();
+            queue_->async([&] {
+                socket_->emitWithAck("echo", {payload}).timingOut(kAckSeconds, [&](const std::vector<Json>& data) {
+                    std::lock_guard lock(mutex);
+                    right = data.size() == 1 && data[0].is_string() && data[0].get_ref<const std::string&>() == payload;
+                    answered = true;
+                    changed.notify_one();
+                });
+            });
+            std::unique_lock lock(mutex);
+            if (!changed.wait_for(lock, kConnectBound, [&] { return answered; }) || !right) return std::nullopt;
+            times.push_back(micros(Clock::now() - sentAt));
+        }
+        return times;
+    }
+
 private:
     std::shared_ptr<Queue> queue_;
     std::shared_ptr<SocketManager> manager_;
@@ -335,9 +447,9 @@ double percentile(std::vector<double> values, double fraction) {
 
 void printSpent(const char* what, const Spent& spent) {
     std::printf("%-28s %7.2f us CPU/msg (network thread: %.2f user + %.2f sys, %.2f waits, %.3f page faults, "
-                "%.1f allocations)\n",
+                "%.1f allocations; process: %.1f allocations; %.2f system calls)\n",
                 what, spent.cpuMicros, spent.threadUserMicros, spent.threadSystemMicros, spent.threadSwitches,
-                spent.threadFaults, spent.threadAllocations);
+                spent.threadFaults, spent.threadAllocations, spent.allocations, spent.syscalls);
 }
 
 std::string payloadOf(std::size_t size) {
@@ -374,6 +486,8 @@ bool oneInFlight(const std::shared_ptr<Queue>& queue, SocketIOSession* socketio,
         into.spent.threadSwitches += block.threadSwitches;
         into.spent.threadFaults += block.threadFaults;
         into.spent.threadAllocations += block.threadAllocations;
+        into.spent.allocations += block.allocations;
+        into.spent.syscalls += block.syscalls;
     };
     for (int block = 0; block < kBlocks; ++block) {
         if (socketio) {
@@ -440,6 +554,14 @@ bool profileRun(const std::shared_ptr<Queue>& queue, int port, const std::string
     const std::string payload = payloadOf(100);
     OneInFlight client, reference;
     if (which == "timers") return ackAftermath(queue, port, payload);
+    if (which == "pipelined") {
+        SocketIOSession session(queue, port, false);
+        if (!session.connect()) return fail("the Socket.IO client did not connect");
+        Usage before = Usage::now(*queue);
+        if (!session.echo(payload, 50000, 64)->wait()) return fail("the pipelined echo failed");
+        printSpent("socketio 64 in flight", perMessage(before, Usage::now(*queue), 50000));
+        return true;
+    }
     if (which == "socketio") {
         SocketIOSession session(queue, port, false);
         if (!session.connect()) return fail("the Socket.IO client did not connect");
@@ -452,7 +574,7 @@ bool profileRun(const std::shared_ptr<Queue>& queue, int port, const std::string
         bare->close();
         printOneInFlight("bare websocket one in flight", reference);
     } else {
-        return fail("profile-socketio, profile-bare or profile-timers");
+        return fail("profile-socketio, profile-bare, profile-pipelined or profile-timers");
     }
     return true;
 }
@@ -483,6 +605,128 @@ bool echoFigures(const std::shared_ptr<Queue>& queue, int port) {
     bench::figure("socketio_echo_p99_us", percentile(client.roundTrips, 0.99), "us");
     bench::figure("socketio_echo_pipelined", rate, "msg/s");
     bench::figure("socketio_cpu_per_roundtrip_us", client.spent.cpuMicros, "us");
+    bench::figure("socketio_pipelined_cpu_us", manySpent.cpuMicros, "us");
+    bench::figure("socketio_pipelined_syscalls", manySpent.syscalls, "per event");
+    bench::figure("socketio_pipelined_allocations", manySpent.allocations, "per event");
+
+    // The two directions apart.
+    constexpr int kOneWay = 50000;
+    if (!session.emitUnanswered(payload, kOneWay / 10)) return fail("the emit warm-up failed");
+    before = Usage::now(*queue);
+    if (!session.emitUnanswered(payload, kOneWay)) return fail("the emits failed");
+    Spent emitSpent = perMessage(before, Usage::now(*queue), kOneWay);
+    if (!session.receiveFlood(payload, kOneWay / 10)) return fail("the receive warm-up failed");
+    before = Usage::now(*queue);
+    if (!session.receiveFlood(payload, kOneWay)) return fail("the flood did not arrive whole");
+    Spent receiveSpent = perMessage(before, Usage::now(*queue), kOneWay);
+    printSpent("socketio emit only", emitSpent);
+    printSpent("socketio receive only", receiveSpent);
+    bench::figure("socketio_emit_cpu_us", emitSpent.cpuMicros, "us");
+    bench::figure("socketio_emit_allocations", emitSpent.allocations, "per event");
+    bench::figure("socketio_emit_syscalls", emitSpent.syscalls, "per event");
+    bench::figure("socketio_receive_cpu_us", receiveSpent.cpuMicros, "us");
+    bench::figure("socketio_receive_allocations", receiveSpent.allocations, "per event");
+    bench::figure("socketio_receive_syscalls", receiveSpent.syscalls, "per event");
+
+    // An application thread that emits and waits, against the same round trips chained from
+    // the ack callback on the network thread (the one-in-flight figure above), in blocks.
+    constexpr int kWaited = 2000, kWaitedBlocks = 5;
+    if (!session.waitedEchoes(payload, kWaited / 2)) return fail("the waited warm-up failed");
+    std::vector<double> waitedTimes;
+    double waitedCpu = 0, chainedCpu = 0;
+    for (int block = 0; block < kWaitedBlocks; ++block) {
+        const double start = bench::cpuSeconds(RUSAGE_SELF);
+        auto times = session.waitedEchoes(payload, kWaited);
+        if (!times) return fail("a waited echo failed");
+        waitedCpu += bench::cpuSeconds(RUSAGE_SELF) - start;
+        waitedTimes.insert(waitedTimes.end(), times->begin(), times->end());
+        Usage chainedBefore = Usage::now(*queue);
+        if (!session.echo(payload, kWaited, 1)->wait()) return fail("a chained echo failed");
+        chainedCpu += perMessage(chainedBefore, Usage::now(*queue), kWaited).cpuMicros / kWaitedBlocks;
+    }
+    const double waitedPer = waitedCpu * 1e6 / (kWaited * kWaitedBlocks);
+    std::printf("application thread waiting: %.2f us CPU per round trip, p50 %.1f us (chained: %.2f us CPU)\n",
+                waitedPer, percentile(waitedTimes, 0.5), chainedCpu);
+    bench::figure("socketio_app_thread_cpu_per_roundtrip_us", waitedPer, "us");
+    bench::figure("socketio_app_thread_vs_chained", waitedPer / chainedCpu, "x");
+    return true;
+}
+
+// Raw zlib doing what deflate costs the client per acked echo: compress the packet text it
+// sends and inflate the answer as the server compressed it, with streams kept across messages.
+// Microseconds per event.
+double rawZlibPerEcho(const std::string& payload, int count) {
+    auto deflater = [] {
+        auto stream = std::make_unique<z_stream>();
+        deflateInit2(stream.get(), Z_DEFAULT_COMPRESSION, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
+        return stream;
+    };
+    auto squeeze = [](z_stream& stream, const std::string& text, std::vector<unsigned char>& out) {
+        unsigned char buffer[8192];
+        stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+        stream.avail_in = static_cast<uInt>(text.size());
+        out.clear();
+        do {
+            stream.next_out = buffer;
+            stream.avail_out = sizeof buffer;
+            deflate(&stream, Z_SYNC_FLUSH);
+            out.insert(out.end(), buffer, buffer + (sizeof buffer - stream.avail_out));
+        } while (stream.avail_out == 0);
+        out.resize(out.size() - 4);
+    };
+    // The server's answers, compressed beforehand.
+    auto server = deflater();
+    std::vector<std::vector<unsigned char>> answers(static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) squeeze(*server, "43" + std::to_string(i) + "[\"" + payload + "\"]", answers[i]);
+    deflateEnd(server.get());
+
+    auto client = deflater();
+    z_stream inflater{};
+    inflateInit2(&inflater, -15);
+    std::vector<unsigned char> sent;
+    std::string text;
+    static const unsigned char tail[4] = {0, 0, 0xFF, 0xFF};
+    unsigned char buffer[8192];
+    std::size_t produced = 0;
+    const double start = bench::cpuSeconds(RUSAGE_THREAD);
+    for (int i = 0; i < count; ++i) {
+        text = "42" + std::to_string(i) + "[\"echo\",\"" + payload + "\"]";
+        squeeze(*client, text, sent);
+        for (auto [data, size] : {std::pair<const unsigned char*, std::size_t>{answers[i].data(), answers[i].size()},
+                                  std::pair<const unsigned char*, std::size_t>{tail, 4}}) {
+            inflater.next_in = const_cast<Bytef*>(data);
+            inflater.avail_in = static_cast<uInt>(size);
+            do {
+                inflater.next_out = buffer;
+                inflater.avail_out = sizeof buffer;
+                inflate(&inflater, Z_NO_FLUSH);
+                produced += sizeof buffer - inflater.avail_out;
+            } while (inflater.avail_out == 0);
+        }
+    }
+    const double spent = bench::cpuSeconds(RUSAGE_THREAD) - start;
+    deflateEnd(client.get());
+    inflateEnd(&inflater);
+    if (produced == 0) std::printf("raw zlib produced nothing\n");
+    return spent * 1e6 / count;
+}
+
+// Pipelined acked echoes with deflate agreed, against raw zlib on the same bytes in the same run.
+bool deflateFigures(const std::shared_ptr<Queue>& queue, int deflatingPort) {
+    const std::string payload = payloadOf(100);
+    constexpr int kPipelined = 20000, kWindow = 64;
+    SocketIOSession session(queue, deflatingPort, true);
+    if (!session.connect()) return fail("the Socket.IO client did not connect");
+    if (!session.echo(payload, kPipelined / 10, kWindow)->wait()) return fail("the deflate warm-up failed");
+    Usage before = Usage::now(*queue);
+    if (!session.echo(payload, kPipelined, kWindow)->wait()) return fail("the deflate echo failed");
+    Spent spent = perMessage(before, Usage::now(*queue), kPipelined);
+    rawZlibPerEcho(payload, kPipelined / 10);
+    const double zlib = rawZlibPerEcho(payload, kPipelined);
+    printSpent("socketio deflate 64 in flight", spent);
+    bench::figure("socketio_deflate_pipelined_cpu_us", spent.cpuMicros, "us");
+    bench::figure("zlib_compress_decompress_us", zlib, "us");
+    bench::figure("socketio_deflate_vs_zlib", spent.cpuMicros / zlib, "x");
     return true;
 }
 
@@ -558,7 +802,7 @@ bool heapFigures(const std::shared_ptr<Queue>& queue, int port, int deflatingPor
 
 }  // namespace
 
-// With an argument ("heap", "connect", "echo", "profile-socketio", "profile-bare" or
+// With an argument ("heap", "connect", "echo", "deflate", "profile-socketio", "profile-bare" or
 // "profile-timers"), only that part runs.
 int main(int argc, char** argv) {
     const std::string only = argc > 1 ? argv[1] : "";
@@ -573,11 +817,13 @@ int main(int argc, char** argv) {
         return 1;
     }
     auto queue = Queue::makeSerial("bench");
+    if (openSyscallCounter() < 0) std::printf("system calls are not counted here (no syscall tracepoint)\n");
 
     // Heap first: the echoes leave ack timers behind, whose expiry would free memory mid-count.
     if (runs("heap") && !heapFigures(queue, server.port(), deflating.port())) return 1;
     if (runs("connect") && !connectFigures(queue, server.port())) return 1;
     if (runs("echo") && !echoFigures(queue, server.port())) return 1;
+    if (runs("deflate") && !deflateFigures(queue, deflating.port())) return 1;
     if (only.starts_with("profile-") && !profileRun(queue, server.port(), only.substr(8))) return 1;
     return 0;
 }

@@ -80,5 +80,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     check(back.id() == packet->id());
     check(back.data == packet->data);
     check(back.packetString() == written);
+
+    // The payload is written as the JSON library writes each value, "/" as "\/".
+    std::string reference = "[";
+    try {
+        for (std::size_t i = 0; i < packet->data.size(); ++i) {
+            if (i > 0) reference += ',';
+            for (char c : packet->data[i].dump()) {
+                if (c == '/') reference += '\\';
+                reference += c;
+            }
+        }
+        reference += ']';
+        if (!packet->data.empty() && !written.ends_with("[]")) check(written.ends_with(reference));
+    } catch (const Json::exception&) {
+    }
     return 0;
 }

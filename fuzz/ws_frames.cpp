@@ -1,12 +1,13 @@
 // Frames off the wire into messages. The first byte sets compression (bit 0), the server
 // side (bit 1) and the size of the reads (the rest); the bytes after it are the stream.
-// Whole and in reads, the same stream must give the same events up to the framer's first
-// failure. The limits are small enough for short inputs to cross them: no frame, message or
+// Whole, in reads of that size, and in reads that grow from it as the transport's do, the
+// same stream must give the same events up to the framer's first failure. The limits are small enough for short inputs to cross them: no frame, message or
 // inflated piece may come out larger than they allow.
 #include <kelvane/Log.hpp>
 
 #include "websocket/Compression.hpp"
 #include "websocket/Framer.hpp"
+#include "websocket/Transport.hpp"
 
 #include <cstdint>
 #include <cstdlib>
@@ -98,13 +99,27 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::size_t at = 0; at < stream.size(); at += piece) {
         split->framer->addInPlace(stream.subspan(at, std::min(piece, stream.size() - at)));
     }
+    // Reads as the transport sizes them, from `piece` up: each takes what its buffer holds of
+    // what is waiting, and the next grows while they come back full.
+    auto grown = Pipeline::make(compressed, isServer);
+    const std::size_t readLimit = kLimits.maxFrameSize + 14;
+    for (std::size_t at = 0, size = piece; at < stream.size();) {
+        const std::size_t got = std::min(size, stream.size() - at);
+        grown->framer->addInPlace(stream.subspan(at, got));
+        at += got;
+        const std::size_t next = nextReadSize(size, got, piece, readLimit);
+        check(next >= piece && next <= std::max(readLimit, piece));
+        size = next;
+    }
 
-    if (whole->failed) {
-        check(split->events.size() >= whole->events.size());
-        check(std::equal(whole->events.begin(), whole->events.end(), split->events.begin()));
-    } else {
-        check(split->events == whole->events);
-        check(split->framer->bufferedBytes() == whole->framer->bufferedBytes());
+    for (const auto* pieces : {split.get(), grown.get()}) {
+        if (whole->failed) {
+            check(pieces->events.size() >= whole->events.size());
+            check(std::equal(whole->events.begin(), whole->events.end(), pieces->events.begin()));
+        } else {
+            check(pieces->events == whole->events);
+            check(pieces->framer->bufferedBytes() == whole->framer->bufferedBytes());
+        }
     }
     check(whole->framer->bufferedBytes() <= stream.size());
 

@@ -239,7 +239,7 @@ void SocketEngine::writeNow(std::string text, SocketEnginePacketType type, std::
         sendPollMessage(text, type, data, std::move(completion));
     } else {
         socketLog(kLogType, [&] { return "Writing ws: " + text + " has data: " + (data.empty() ? "false" : "true"); });
-        sendWebSocketMessage(text, type, data, std::move(completion));
+        sendWebSocketMessage(std::move(text), type, data, std::move(completion));
     }
 }
 
@@ -312,6 +312,11 @@ void SocketEngine::createWebSocketAndConnect() {
     ws_->callbackQueue = engineQueue_;
     ws_->delegate = std::weak_ptr<websocket::WebSocketDelegate>(shared_from_this());
     ws_->connect();
+}
+
+void SocketEngine::didReceive(websocket::WebSocketEvent&& event, websocket::WebSocket& client) {
+    if (event.kind == websocket::WebSocketEvent::Kind::text) return parseEngineMessage(std::move(event.text));
+    didReceive(std::as_const(event), client);
 }
 
 void SocketEngine::didReceive(const websocket::WebSocketEvent& event, websocket::WebSocket&) {
@@ -438,20 +443,18 @@ void SocketEngine::flushProbeWait() {
 
 void SocketEngine::flushWaitingForPostToWebSocket() {
     if (!ws_) return;
-    for (auto& post : postWait_) ws_->write(post.msg, std::move(post.completion));
+    for (auto& post : postWait_) ws_->write(std::move(post.msg), std::move(post.completion));
     postWait_.clear();
 }
 
-void SocketEngine::sendWebSocketMessage(const std::string& text, SocketEnginePacketType type,
-                                        const std::vector<Bytes>& data, Completion completion) {
+void SocketEngine::sendWebSocketMessage(std::string text, SocketEnginePacketType type, const std::vector<Bytes>& data,
+                                        Completion completion) {
     socketLog(kWebSocketLogType,
               [&] { return "Sending ws: " + text + " as type: " + std::to_string(static_cast<int>(type)); });
     if (ws_) {
-        std::string message;
-        message.reserve(text.size() + 1);
-        message += typeDigit(type);
-        message += text;
-        ws_->write(message);
+        // The packet's text usually has room for the type digit in front (see packetString).
+        text.insert(text.begin(), typeDigit(type));
+        ws_->write(std::move(text));
     }
     if (data.empty()) {
         if (completion) completion();
@@ -498,7 +501,10 @@ void SocketEngine::parseEngineMessage(std::string message) {
     case SocketEnginePacketType::ping: handlePing(message); break;
     case SocketEnginePacketType::pong: handlePong(message); break;
     case SocketEnginePacketType::message:
-        if (owner) owner->parseEngineMessage(message.substr(1));
+        if (owner) {
+            message.erase(0, 1);
+            owner->parseEngineMessage(std::move(message));
+        }
         break;
     case SocketEnginePacketType::noop: doPoll(); break;
     case SocketEnginePacketType::upgrade: socketLog(kLogType, [] { return "Got unknown packet type"; }); break;

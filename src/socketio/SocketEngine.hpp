@@ -61,6 +61,8 @@ public:
 
     // The WebSocket's events, on engineQueue.
     void didReceive(const websocket::WebSocketEvent& event, websocket::WebSocket& client) override;
+    // Takes the text of a message rather than copying it.
+    void didReceive(websocket::WebSocketEvent&& event, websocket::WebSocket& client) override;
     // The polling session's end, on engineQueue.
     void didBecomeInvalid(const std::optional<Error>& error) override;
 
@@ -132,7 +134,7 @@ private:
     void probeWebSocket();
     void upgradeTransport();
     void flushProbeWait();
-    void sendWebSocketMessage(const std::string& text, SocketEnginePacketType type, const std::vector<Bytes>& data,
+    void sendWebSocketMessage(std::string text, SocketEnginePacketType type, const std::vector<Bytes>& data,
                               Completion completion);
     std::variant<std::monostate, Bytes, std::string> createBinaryDataForSend(const Bytes& data) const;
     void handleBase64(const std::string& message);

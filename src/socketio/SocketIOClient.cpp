@@ -27,14 +27,28 @@ Queue::Duration delay(double seconds) {
     return std::chrono::duration_cast<Queue::Duration>(std::chrono::duration<double>(seconds));
 }
 
-Result<std::vector<Json>> represent(const std::vector<SocketItem>& items) {
+// The items' values, after the event's name when there is one.
+Result<std::vector<Json>> represent(const std::vector<SocketItem>& items, const std::string* event = nullptr) {
     std::vector<Json> values;
-    values.reserve(items.size());
+    values.reserve(items.size() + 1);
+    if (event) values.emplace_back(*event);
     for (const auto& item : items) {
         auto value = item.socketRepresentation();
         if (!value) return value.error();
         values.push_back(std::move(*value));
     }
+    return values;
+}
+
+// The items' values moved out, after the event's name, when every item is a plain value.
+std::optional<std::vector<Json>> takeValues(std::vector<SocketItem>& items, const std::string& event) {
+    for (auto& item : items) {
+        if (item.isCustom()) return std::nullopt;
+    }
+    std::vector<Json> values;
+    values.reserve(items.size() + 1);
+    values.emplace_back(event);
+    for (auto& item : items) values.push_back(*item.takeValue());
     return values;
 }
 
@@ -289,7 +303,7 @@ void SocketIOClient::removeAllHandlers() { handlers.clear(); }
 
 void SocketIOClient::emit(const std::string& event, const std::vector<SocketItem>& items,
                           std::function<void()> completion) {
-    auto values = represent(items);
+    auto values = represent(items, &event);
     if (!values) {
         socketError(logType_, [&] {
             return "Error creating socketRepresentation for emit: " + event + ", " + printed(shown(items));
@@ -297,11 +311,23 @@ void SocketIOClient::emit(const std::string& event, const std::vector<SocketItem
         handleClientEvent(SocketClientEvent::error, {Json(event), shown(items), Json(values.error().text())});
         return;
     }
-    emit(withEvent(event, std::move(*values)), -1, true, false, std::move(completion));
+    emit(std::move(*values), -1, true, false, std::move(completion));
+}
+
+void SocketIOClient::emit(const std::string& event, std::vector<SocketItem>&& items, std::function<void()> completion) {
+    auto values = takeValues(items, event);
+    if (!values) return emit(event, std::as_const(items), std::move(completion));
+    emit(std::move(*values), -1, true, false, std::move(completion));
+}
+
+OnAckCallback SocketIOClient::emitWithAck(const std::string& event, std::vector<SocketItem>&& items) {
+    auto values = takeValues(items, event);
+    if (!values) return emitWithAck(event, std::as_const(items));
+    return createOnAck(std::move(*values), true);
 }
 
 OnAckCallback SocketIOClient::emitWithAck(const std::string& event, const std::vector<SocketItem>& items) {
-    auto values = represent(items);
+    auto values = represent(items, &event);
     if (!values) {
         socketError(logType_, [&] {
             return "Error creating socketRepresentation for emit: " + event + ", " + printed(shown(items));
@@ -309,7 +335,7 @@ OnAckCallback SocketIOClient::emitWithAck(const std::string& event, const std::v
         handleClientEvent(SocketClientEvent::error, {Json(event), shown(items), Json(values.error().text())});
         return OnAckCallback(-1, {}, weak_from_this());
     }
-    return createOnAck(withEvent(event, std::move(*values)), true);
+    return createOnAck(std::move(*values), true);
 }
 
 void SocketIOClient::emit(std::vector<Json> data, std::int64_t ack, bool binary, bool isAck,
@@ -346,11 +372,18 @@ OnAckCallback SocketIOClient::createOnAck(std::vector<Json> items, bool binary) 
 
 // Incoming
 
-void SocketIOClient::handlePacket(const SocketPacket& packet) {
+void SocketIOClient::handlePacket(SocketPacket packet) {
     if (packet.nsp() != nsp_) return;
     switch (packet.type()) {
         case PacketType::event:
-        case PacketType::binaryEvent: handleEvent(packet.event(), packet.args(), false, packet.id()); break;
+        case PacketType::binaryEvent: {
+            // The packet is ours: its arguments are taken, not copied (what args() gives).
+            std::string event = packet.event();
+            std::vector<Json> args = std::move(packet.data);
+            if (!args.empty()) args.erase(args.begin());
+            handleEvent(event, args, false, packet.id());
+            break;
+        }
         case PacketType::ack:
         case PacketType::binaryAck: handleAck(packet.id(), packet.data); break;
         case PacketType::connect: {
@@ -377,10 +410,15 @@ void SocketIOClient::handleEvent(const std::string& event, const std::vector<Jso
     // Keeps the client alive through handlers that drop the last outside reference.
     auto self = weak_from_this().lock();
     if (anyHandler) anyHandler(SocketAnyEvent{event, data});
-    // Over a copy: handlers added or removed by a callback do not change this dispatch.
-    auto current = handlers;
-    for (const auto& handler : current) {
-        if (handler.event == event) handler.executeCallback(data, ack, self);
+    // Over a copy of the callbacks that match: handlers added or removed by a callback do not
+    // change this dispatch.
+    std::vector<NormalCallback> current;
+    for (const auto& handler : handlers) {
+        if (handler.event == event) current.push_back(handler.callback);
+    }
+    for (const auto& callback : current) {
+        SocketAckEmitter emitter(self, ack);
+        callback(data, emitter);
     }
 }
 

@@ -40,6 +40,12 @@ public:
     SocketItem(std::shared_ptr<T> custom) : custom_(std::move(custom)) {}
 
     Result<Json> socketRepresentation() const;
+    bool isCustom() const { return custom_ != nullptr; }
+    // A plain value, given up rather than copied; nothing for a SocketData.
+    std::optional<Json> takeValue() {
+        if (custom_) return std::nullopt;
+        return std::move(value_);
+    }
 
 private:
     Json value_;
@@ -175,6 +181,9 @@ public:
     // Sending.
     void emit(const std::string& event, const std::vector<SocketItem>& items, std::function<void()> completion = {});
     OnAckCallback emitWithAck(const std::string& event, const std::vector<SocketItem>& items);
+    // The same for items made for the call: plain values are moved into the packet, not copied.
+    void emit(const std::string& event, std::vector<SocketItem>&& items, std::function<void()> completion = {});
+    OnAckCallback emitWithAck(const std::string& event, std::vector<SocketItem>&& items);
     // The raw emit: `data` as it stands (event name first for events).
     void emit(std::vector<Json> data, std::int64_t ack = -1, bool binary = true, bool isAck = false,
               std::function<void()> completion = {});
@@ -182,7 +191,7 @@ public:
     OnAckCallback createOnAck(std::vector<Json> items, bool binary);
 
     // Incoming, from the manager.
-    void handlePacket(const SocketPacket& packet);
+    void handlePacket(SocketPacket packet);
     void handleAck(std::int64_t ack, const std::vector<Json>& data);
     void handleEvent(const std::string& event, const std::vector<Json>& data, bool isInternalMessage,
                      std::int64_t ack = -1);

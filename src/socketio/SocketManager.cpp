@@ -308,7 +308,7 @@ void SocketManager::_parseEngineMessage(const std::string& message) {
     }
     if (auto found = nsps.find(packet->nsp()); found != nsps.end()) {
         auto client = found->second;
-        client->handlePacket(*packet);
+        client->handlePacket(std::move(*packet));
     }
 }
 
@@ -327,7 +327,7 @@ void SocketManager::_parseEngineBinaryData(Bytes data) {
     if (!packet) return;
     if (auto found = nsps.find(packet->nsp()); found != nsps.end()) {
         auto client = found->second;
-        client->handlePacket(*packet);
+        client->handlePacket(std::move(*packet));
     }
 }
 

@@ -7,6 +7,7 @@
 
 #include <kelvane/Bytes.hpp>
 
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -37,28 +38,113 @@ bool serialisable(const Json& value) {
     }
 }
 
-// Appends the list as a JSON array, with "/" written as "\/" as the platform's serialiser
-// writes it. On failure `out` is left as it was.
+// A text as the serialiser writes it (nlohmann's escapes, lower-case \u00xx), with "/" as "\/"
+// as the platform's serialiser writes it. False for text that is not UTF-8.
+bool appendString(std::string& out, const std::string& text) {
+    if (!isValidUTF8(text)) return false;
+    static constexpr char kHex[] = "0123456789abcdef";
+    out.push_back('"');
+    std::size_t from = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (c >= 0x20 && c != '"' && c != '\\' && c != '/') continue;
+        out.append(text, from, i - from);
+        from = i + 1;
+        switch (c) {
+            case '"': out.append("\\\""); break;
+            case '\\': out.append("\\\\"); break;
+            case '/': out.append("\\/"); break;
+            case '\b': out.append("\\b"); break;
+            case '\f': out.append("\\f"); break;
+            case '\n': out.append("\\n"); break;
+            case '\r': out.append("\\r"); break;
+            case '\t': out.append("\\t"); break;
+            default: {
+                const char escape[6] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]};
+                out.append(escape, sizeof escape);
+            }
+        }
+    }
+    out.append(text, from, std::string::npos);
+    out.push_back('"');
+    return true;
+}
+
+template <class Integer>
+void appendInteger(std::string& out, Integer value) {
+    char digits[24];
+    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    out.append(digits, end);
+}
+
+// One value, written straight into `out`. False where the serialiser would refuse it.
+bool appendValue(std::string& out, const Json& value) {
+    switch (value.type()) {
+        case Json::value_t::null: out.append("null"); return true;
+        case Json::value_t::boolean: out.append(value.get<bool>() ? "true" : "false"); return true;
+        case Json::value_t::number_integer: appendInteger(out, value.get<std::int64_t>()); return true;
+        case Json::value_t::number_unsigned: appendInteger(out, value.get<std::uint64_t>()); return true;
+        // The serialiser's shortest round-trip form; a number never holds a "/".
+        case Json::value_t::number_float: out += value.dump(); return true;
+        case Json::value_t::string: return appendString(out, value.get_ref<const std::string&>());
+        case Json::value_t::array: {
+            out.push_back('[');
+            bool first = true;
+            for (const auto& element : value) {
+                if (!first) out.push_back(',');
+                first = false;
+                if (!appendValue(out, element)) return false;
+            }
+            out.push_back(']');
+            return true;
+        }
+        case Json::value_t::object: {
+            out.push_back('{');
+            bool first = true;
+            for (const auto& [key, element] : value.items()) {
+                if (!first) out.push_back(',');
+                first = false;
+                if (!appendString(out, key)) return false;
+                out.push_back(':');
+                if (!appendValue(out, element)) return false;
+            }
+            out.push_back('}');
+            return true;
+        }
+        default: return false;
+    }
+}
+
+// Bytes the value will take at least: room reserved once instead of growing as it is written.
+std::size_t sizeHint(const Json& value) {
+    switch (value.type()) {
+        case Json::value_t::string: return value.get_ref<const std::string&>().size() + 2;
+        case Json::value_t::array:
+        case Json::value_t::object: {
+            std::size_t size = 2;
+            for (const auto& [key, element] : value.items()) size += key.size() + 4 + sizeHint(element);
+            return size;
+        }
+        default: return 8;
+    }
+}
+
+// Appends the list as a JSON array. On failure `out` is left as it was.
 bool appendJSON(std::string& out, const std::vector<Json>& values) {
     for (const auto& value : values) {
         if (!serialisable(value)) return false;
     }
+    std::size_t size = 2;
+    for (const auto& value : values) size += sizeHint(value) + 1;
+    out.reserve(out.size() + size);
     const std::size_t start = out.size();
     out.push_back('[');
-    try {
-        for (std::size_t i = 0; i < values.size(); ++i) {
-            if (i > 0) out.push_back(',');
-            const std::string text = values[i].dump();
-            std::size_t from = 0;
-            for (auto slash = text.find('/'); slash != std::string::npos; slash = text.find('/', from)) {
-                out.append(text, from, slash - from).append("\\/");
-                from = slash + 1;
-            }
-            out.append(text, from);
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        if (i > 0) out.push_back(',');
+        if (!appendValue(out, values[i])) {
+            out.resize(start);
+            return false;
         }
-    } catch (const Json::exception&) {
-        out.resize(start);
-        return false;
     }
     out.push_back(']');
     return true;
@@ -399,17 +485,19 @@ std::string SocketPacket::event() const {
 
 std::string SocketPacket::packetString() const {
     std::string out;
-    out.reserve(32 + nsp_.size());
-    out += std::to_string(static_cast<int>(type_));
+    std::size_t size = 48 + nsp_.size();
+    for (const auto& value : data) size += sizeHint(value) + 1;
+    out.reserve(size);
+    out.push_back(static_cast<char>('0' + static_cast<int>(type_)));
     if (isBinary(type_)) {
-        out += std::to_string(binary.size());
+        appendInteger(out, binary.size());
         out.push_back('-');
     }
     if (nsp_ != "/") {
         out += nsp_;
         out.push_back(',');
     }
-    if (id_ != -1) out += std::to_string(id_);
+    if (id_ != -1) appendInteger(out, id_);
     if (data.empty()) {
         out += "[]";
     } else if (!appendJSON(out, data)) {

@@ -65,7 +65,7 @@ public:
     virtual void stop(std::uint16_t closeCode = static_cast<std::uint16_t>(CloseCode::normal)) = 0;
     virtual void forceStop() = 0;
     virtual void write(Bytes data, FrameOpCode opcode, WriteCompletion completion = {}) = 0;
-    virtual void write(const std::string& string, WriteCompletion completion = {}) = 0;
+    virtual void write(std::string string, WriteCompletion completion = {}) = 0;
 };
 
 // The full client: handshake, framing, deflate and close over a Transport. All members may be
@@ -92,7 +92,7 @@ public:
     // order; the completion runs once the transport has taken them, whatever the outcome.
     // With deflate agreed, data frames are compressed; close, ping and pong never are.
     void write(Bytes data, FrameOpCode opcode, WriteCompletion completion = {}) override;
-    void write(const std::string& string, WriteCompletion completion = {}) override;
+    void write(std::string string, WriteCompletion completion = {}) override;
 
     bool respondToPingWithPong() const { return respondToPingWithPong_; }
     void setRespondToPingWithPong(bool respond) { respondToPingWithPong_ = respond; }
@@ -122,6 +122,8 @@ public:
     void didForm(FrameCollector::Event event) override;
 
 private:
+    template <class Payload>
+    void enqueue(Payload payload, FrameOpCode opcode, WriteCompletion completion);
     void broadcast(WebSocketEvent event);
     void handleError(std::optional<Failure> error);
     void reset();

@@ -13,6 +13,7 @@
 #include <asio/strand.hpp>
 #include <asio/write.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <deque>
@@ -24,6 +25,9 @@ using asio::ip::tcp;
 using Strand = asio::strand<asio::io_context::executor_type>;
 
 namespace {
+
+// A frame's header at its largest: two bytes, eight of length, four of mask.
+constexpr std::size_t kLargestFrameHeader = 14;
 
 Error networkError(const asio::error_code& error) {
     return Error{error.category().name(), error.value(), error.message()};
@@ -69,23 +73,55 @@ struct TCPTransport::Connection {
         }
     }
 
+    void fitReadBuffer(std::size_t count, std::size_t limit) {
+        // What the buffer held has been handed on: a new one need not keep it.
+        const std::size_t size = nextReadSize(readBuffer.size(), count, kInitialReadBuffer, limit);
+        if (size != readBuffer.size()) Bytes(size).swap(readBuffer);
+    }
+
+    // Every write waiting leaves in one go: one gathering send on plain TCP, one buffer through
+    // TLS (a record train from one SSL_write). Returns how many writes went.
     template <class Handler>
-    void writeAll(const Bytes& bytes, Handler&& handler) {
-        if (stream) {
-            asio::async_write(*stream, asio::buffer(bytes), std::forward<Handler>(handler));
+    std::size_t writeWaiting(Handler&& handler) {
+        const std::size_t count = std::min(writes.size(), kMaxWritesAtOnce);
+        if (count == 1) {
+            writeBuffer(asio::buffer(writes.front().first), std::forward<Handler>(handler));
+        } else if (stream) {
+            gathered.clear();
+            for (std::size_t i = 0; i < count; ++i) gathered.insert(gathered.end(), writes[i].first.begin(), writes[i].first.end());
+            writeBuffer(asio::buffer(gathered), std::forward<Handler>(handler));
         } else {
-            asio::async_write(socket, asio::buffer(bytes), std::forward<Handler>(handler));
+            buffers.clear();
+            for (std::size_t i = 0; i < count; ++i) buffers.push_back(asio::buffer(writes[i].first));
+            asio::async_write(socket, buffers, std::forward<Handler>(handler));
+        }
+        return count;
+    }
+
+    template <class Handler>
+    void writeBuffer(asio::const_buffer bytes, Handler&& handler) {
+        if (stream) {
+            asio::async_write(*stream, bytes, std::forward<Handler>(handler));
+        } else {
+            asio::async_write(socket, bytes, std::forward<Handler>(handler));
         }
     }
+
+    static constexpr std::size_t kInitialReadBuffer = 4096;
+    // As many as one writev takes on Linux before asio splits the call.
+    static constexpr std::size_t kMaxWritesAtOnce = 64;
 
     tcp::resolver resolver;
     asio::steady_timer timer;
     tcp::socket socket;
     std::optional<asio::ssl::context> context;
     std::optional<asio::ssl::stream<tcp::socket&>> stream;
-    std::array<std::uint8_t, 4096> readBuffer{};
+    Bytes readBuffer = Bytes(kInitialReadBuffer);
     std::deque<std::pair<Bytes, WriteCompletion>> writes;
+    std::vector<asio::const_buffer> buffers;  // plain TCP: the writes leaving together
+    Bytes gathered;                           // TLS: the same, in one buffer
     bool writing = false;
+    std::size_t inFlight = 0;  // writes carried by the send under way
     Phase phase = Phase::connecting;
     std::optional<Failure> endedWith;  // what the writes still queued end with
 };
@@ -98,6 +134,7 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
     std::weak_ptr<TransportEventClient> delegate;
     std::atomic<bool> isRunning{false};
     std::atomic<bool> isTLS{false};
+    std::atomic<std::size_t> readLimit{Limits{}.maxFrameSize + kLargestFrameHeader};
     std::shared_ptr<Connection> connection;  // strand only
     std::optional<Failure> failure;          // strand only: the last connection failed, and how
 
@@ -244,6 +281,7 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
             if (count > 0) {
                 ConnectionState state{ConnectionState::Kind::receive};
                 state.data.assign(candidate->readBuffer.begin(), candidate->readBuffer.begin() + count);
+                candidate->fitReadBuffer(count, self->readLimit.load());
                 self->report(std::move(state));
             }
             if (error == asio::error::eof || error == asio::ssl::error::stream_truncated) {
@@ -290,11 +328,16 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
         if (candidate->writes.empty()) return;
         candidate->writing = true;
         std::weak_ptr<Shared> weak = weak_from_this();
-        candidate->writeAll(candidate->writes.front().first, [weak, candidate](const asio::error_code& error, std::size_t) {
-            auto completion = std::move(candidate->writes.front().second);
-            candidate->writes.pop_front();
+        candidate->inFlight = candidate->writeWaiting([weak, candidate](const asio::error_code& error, std::size_t) {
             candidate->writing = false;
-            if (completion) completion(error ? std::optional<Failure>(networkError(error)) : std::nullopt);
+            const std::optional<Failure> outcome =
+                error ? std::optional<Failure>(networkError(error)) : std::nullopt;
+            // In order, each with the outcome of the send that carried it.
+            for (std::size_t i = 0; i < candidate->inFlight && !candidate->writes.empty(); ++i) {
+                auto completion = std::move(candidate->writes.front().second);
+                candidate->writes.pop_front();
+                if (completion) completion(outcome);
+            }
             if (auto self = weak.lock()) self->writeNext(candidate);
         });
     }
@@ -352,5 +395,7 @@ void TCPTransport::write(Bytes data, WriteCompletion completion) {
 }
 
 bool TCPTransport::usingTLS() const { return shared_->isTLS; }
+
+void TCPTransport::setLimits(const Limits& limits) { shared_->readLimit = limits.maxFrameSize + kLargestFrameHeader; }
 
 }  // namespace kelvane::websocket

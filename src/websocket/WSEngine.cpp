@@ -43,6 +43,7 @@ WSEngine::Flags WSEngine::flags() const {
 
 void WSEngine::setLimits(const Limits& limits) {
     limits_ = limits;
+    transport_->setLimits(limits);
     framer_->setLimits(limits);
     httpHandler_->setLimits(limits);
     frameHandler_->setLimits(limits);
@@ -94,28 +95,37 @@ void WSEngine::forceStop() {
     transport_->disconnect();
 }
 
-void WSEngine::write(const std::string& string, WriteCompletion completion) {
-    write(Bytes(string.begin(), string.end()), FrameOpCode::textFrame, std::move(completion));
+void WSEngine::write(std::string string, WriteCompletion completion) {
+    enqueue(std::move(string), FrameOpCode::textFrame, std::move(completion));
 }
 
 void WSEngine::write(Bytes data, FrameOpCode opcode, WriteCompletion completion) {
-    writeQueue_->async([weak = weak_from_this(), data = std::move(data), opcode, completion = std::move(completion)] {
+    enqueue(std::move(data), opcode, std::move(completion));
+}
+
+// The payload rides to the write queue as it came, text or bytes, and is copied once, into
+// the frame, as it is masked.
+template <class Payload>
+void WSEngine::enqueue(Payload payload, FrameOpCode opcode, WriteCompletion completion) {
+    writeQueue_->async([weak = weak_from_this(), payload = std::move(payload), opcode,
+                        completion = std::move(completion)]() mutable {
         auto self = weak.lock();
         if (!self) return;
         {
             std::lock_guard lock(self->mutex_);
             if (!self->flags_.canSend) return;
         }
+        const ByteView view(reinterpret_cast<const std::uint8_t*>(payload.data()), payload.size());
         std::optional<Bytes> compressed;
         // Servers fail the connection on a control frame with RSV1, as the extension says.
         const bool control = opcode == FrameOpCode::connectionClose || opcode == FrameOpCode::ping ||
                              opcode == FrameOpCode::pong;
-        if (self->compressionHandler_ && !control) compressed = self->compressionHandler_->compress(data);
-        Bytes frame = self->framer_->createWriteFrame(opcode, compressed ? ByteView(*compressed) : ByteView(data),
+        if (self->compressionHandler_ && !control) compressed = self->compressionHandler_->compress(view);
+        Bytes frame = self->framer_->createWriteFrame(opcode, compressed ? ByteView(*compressed) : view,
                                                       compressed.has_value());
-        self->transport_->write(std::move(frame), [completion](std::optional<Failure>) {
-            if (completion) completion();
-        });
+        Transport::WriteCompletion done;
+        if (completion) done = [completion = std::move(completion)](std::optional<Failure>) { completion(); };
+        self->transport_->write(std::move(frame), std::move(done));
     });
 }
 

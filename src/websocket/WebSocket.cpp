@@ -45,8 +45,8 @@ void WebSocket::write(Bytes data, Engine::WriteCompletion completion) {
     engine_->write(std::move(data), FrameOpCode::binaryFrame, std::move(completion));
 }
 
-void WebSocket::write(const std::string& string, Engine::WriteCompletion completion) {
-    engine_->write(string, std::move(completion));
+void WebSocket::write(std::string string, Engine::WriteCompletion completion) {
+    engine_->write(std::move(string), std::move(completion));
 }
 
 void WebSocket::writeStringData(Bytes stringData, Engine::WriteCompletion completion) {
@@ -62,10 +62,13 @@ void WebSocket::writePong(Bytes pong, Engine::WriteCompletion completion) {
 }
 
 void WebSocket::didReceive(WebSocketEvent event) {
-    callbackQueue->async([weak = weak_from_this(), event = std::move(event)] {
+    callbackQueue->async([weak = weak_from_this(), event = std::move(event)]() mutable {
         auto self = weak.lock();
         if (!self) return;
-        if (auto delegate = self->delegate.lock()) delegate->didReceive(event, *self);
+        if (auto delegate = self->delegate.lock()) {
+            if (!self->onEvent) return delegate->didReceive(std::move(event), *self);
+            delegate->didReceive(std::as_const(event), *self);
+        }
         if (self->onEvent) self->onEvent(event);
     });
 }

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <memory>
+#include <utility>
 
 namespace kelvane::websocket {
 
@@ -16,6 +17,9 @@ public:
     virtual ~WebSocketDelegate() = default;
     // On the socket's callbackQueue.
     virtual void didReceive(const WebSocketEvent& event, WebSocket& client) = 0;
+    // The same, when nothing else will see the event (no onEvent is set): a delegate may keep
+    // its parts instead of copying them.
+    virtual void didReceive(WebSocketEvent&& event, WebSocket& client) { didReceive(std::as_const(event), client); }
 };
 
 // The public face of a connection. Events reach the delegate, then onEvent, in order, on
@@ -48,7 +52,7 @@ public:
     void disconnect(std::uint16_t closeCode = static_cast<std::uint16_t>(CloseCode::normal));
     void forceDisconnect();
     void write(Bytes data, Engine::WriteCompletion completion = {});
-    void write(const std::string& string, Engine::WriteCompletion completion = {});
+    void write(std::string string, Engine::WriteCompletion completion = {});
     // Bytes that are already UTF-8 text, sent as a text frame.
     void writeStringData(Bytes stringData, Engine::WriteCompletion completion = {});
     void writePing(Bytes ping, Engine::WriteCompletion completion = {});

@@ -10,6 +10,7 @@
 //   "echo"        answers the ack with the same arguments, or emits "echo" back without one
 //   "binary"      answers with Buffers nested in objects and arrays
 //   "emitBack"    [name, ...args]: the server emits that event with those arguments
+//   "flood"       [name, count, ...args]: emits that event count times, then answers the ack
 //   "kickMe"      the server disconnects this socket
 //   "noAck"       emits "noAck" with an ack of its own, printing "ACKED noAck" when answered
 //   "ignore"      leaves its ack unanswered; any other event with an ack gets "ok"
@@ -71,6 +72,10 @@ function attach(namespace) {
         else socket.emit('binary', payload, Buffer.from([9]));
       } else if (name === 'emitBack') {
         socket.emit(...args);
+      } else if (name === 'flood') {
+        const [event, count, ...rest] = args;
+        for (let i = 0; i < count; i += 1) socket.emit(event, ...rest);
+        if (ack) ack('done');
       } else if (name === 'kickMe') {
         socket.disconnect();
       } else if (name === 'noAck') {

@@ -178,6 +178,16 @@ TEST_F(SocketIOPeer, WebSocketSessionCarriesEventsAcksAndAttachments) {
     EXPECT_EQ(Json(timeouts.itemsOf("ack")), Json::parse(R"(["NO ACK"])"));
 }
 
+// Frames queued behind a write under way leave together; every one arrives, and every answer
+// comes back to its own ack, in order.
+TEST_F(SocketIOPeer, TenThousandPipelinedAcksArriveWholeAndInOrder) {
+    startServer({{"quiet", true}});
+    makeManager({Option::forceWebsockets(true)});
+    EventLog& log = makeLog();
+    auto socket = connectSocket("/", log);
+    EXPECT_EQ(testing::pipelinedEchoes(*queue, socket, 10000, 64, std::string(100, 'p')), 10000);
+}
+
 TEST_F(SocketIOPeer, NamespacesJoinLeaveAndRefuse) {
     startServer();
     makeManager({Option::forceWebsockets(true)});

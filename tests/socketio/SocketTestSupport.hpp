@@ -4,8 +4,10 @@
 #include "socketio/SocketPacket.hpp"
 
 #include <chrono>
+#include <algorithm>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -87,6 +89,47 @@ inline bool eventually(const std::function<bool()>& done, std::chrono::milliseco
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
+}
+
+// `count` acked "echo" events, each carrying its number and `payload`, at most `window`
+// unanswered, emitted from `queue` (the socket's handle queue) as the answers come. Returns
+// how many answers came back, in order, each with its own number and the payload; it stops
+// at the first that does not, or at `bound`.
+inline int pipelinedEchoes(Queue& queue, const std::shared_ptr<SocketIOClient>& socket, int count, int window,
+                           const std::string& payload, std::chrono::milliseconds bound = std::chrono::seconds(20)) {
+    struct State {
+        std::mutex mutex;
+        std::condition_variable changed;
+        int sent = 0, answered = 0;
+        bool broken = false;
+        std::function<void()> sendNext;
+    };
+    auto state = std::make_shared<State>();
+    std::weak_ptr<State> weak = state;
+    state->sendNext = [weak, socket, count, payload] {
+        auto state = weak.lock();
+        if (!state) return;
+        const int number = state->sent++;
+        socket->emitWithAck("echo", {number, payload}).timingOut(10, [weak, number, count, payload](const std::vector<Json>& data) {
+            auto state = weak.lock();
+            if (!state) return;
+            std::lock_guard lock(state->mutex);
+            const bool right = state->answered == number && data.size() == 2 && data[0] == number && data[1] == payload;
+            if (!right) state->broken = true;
+            if (right) ++state->answered;
+            state->changed.notify_all();
+            if (right && state->sent < count && state->sendNext) state->sendNext();
+        });
+    };
+    queue.async([state, count, window] {
+        std::lock_guard lock(state->mutex);
+        while (state->sent < std::min(count, window)) state->sendNext();
+    });
+    std::unique_lock lock(state->mutex);
+    state->changed.wait_for(lock, bound, [&] { return state->broken || state->answered == count; });
+    const int answered = state->answered;
+    state->sendNext = nullptr;
+    return answered;
 }
 
 }  // namespace kelvane::socketio::testing

@@ -227,6 +227,29 @@ TEST_F(TrustPeer, AServerOfACATheSystemStoreHoldsIsReachedOnEveryRoad) {
     expect(roads()[0], {}, "certificate refused for 127.0.0.1: IP address mismatch", "127.0.0.1");
 }
 
+// Writes that wait behind one under way leave through TLS together, and nothing is lost or
+// reordered.
+TEST_F(TrustPeer, TenThousandPipelinedAcksArriveWholeAndInOrderThroughTLS) {
+    SocketIOClientConfiguration config{Option::secure(true), Option::forceWebsockets(true), Option::reconnects(false),
+                                       Option::handleQueue(queue), Option::security(caPinner())};
+    auto manager = std::make_shared<SocketManager>(*URL::make("https://localhost:" + std::to_string(server->port()) + "/"),
+                                                   config);
+    EventLog& log = logs.emplace_back();
+    std::shared_ptr<SocketIOClient> socket;
+    queue->sync([&] {
+        socket = manager->socket("/");
+        log.attach(*socket);
+        socket->connect();
+    });
+    ASSERT_TRUE(log.waitFor("connect "));
+    EXPECT_EQ(testing::pipelinedEchoes(*queue, socket, 10000, 64, std::string(100, 'p')), 10000);
+    queue->sync([&] {
+        manager->disconnect();
+        socket.reset();
+        manager.reset();
+    });
+}
+
 TEST_F(TrustPeer, APinnerDecidesOnEveryRoad) {
     auto anything = std::make_shared<websocket::FoundationSecurity>(true);
     for (const auto& road : roads()) {
