@@ -6,8 +6,8 @@
 #include <curl/curl.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <thread>
 
 namespace demo {
@@ -66,31 +66,37 @@ Json optionValue(const std::string& text) {
     return text;
 }
 
-size_t writeTo(char* data, size_t size, size_t count, void* file) {
-    return std::fwrite(data, size, count, static_cast<std::FILE*>(file));
+// A GET of `url`, bounded by `seconds`: the body, or the reason it could not be had.
+struct Fetched {
+    std::optional<std::string> body;
+    std::string problem;
+};
+Fetched get(const std::string& url, long seconds) {
+    CURL* curl = curl_easy_init();
+    if (!curl) return {std::nullopt, "no HTTP client"};
+    std::string body;
+    long status = 0;
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, seconds);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    CURLcode code = curl_easy_perform(curl);
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_cleanup(curl);
+    if (code != CURLE_OK) return {std::nullopt, curl_easy_strerror(code)};
+    if (status != 200) return {std::nullopt, "the sandbox answered " + std::to_string(status)};
+    return {std::move(body), {}};
 }
 
 // Saves the QR code of a minted transaction to `path`; the reason when it could not.
 std::optional<std::string> saveCode(const std::string& url, const std::string& path) {
-    std::FILE* file = std::fopen(path.c_str(), "wb");
-    if (!file) return "the file " + path + " could not be written: " + std::strerror(errno);
-    CURL* curl = curl_easy_init();
-    CURLcode code = CURLE_FAILED_INIT;
-    long status = 0;
-    if (curl) {
-        curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeTo);
-        curl_easy_setopt(curl, CURLOPT_WRITEDATA, file);
-        curl_easy_setopt(curl, CURLOPT_TIMEOUT, 15L);
-        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-        code = curl_easy_perform(curl);
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-        curl_easy_cleanup(curl);
+    auto code = get(url, 15);
+    if (!code.body) return "its QR code could not be fetched (" + code.problem + ")";
+    std::ofstream file(path, std::ios::binary);
+    if (!file.write(code.body->data(), static_cast<std::streamsize>(code.body->size())).flush()) {
+        return "the file " + path + " could not be written: " + std::strerror(errno);
     }
-    bool written = std::fclose(file) == 0;
-    if (code != CURLE_OK) return "its QR code could not be fetched (" + std::string(curl_easy_strerror(code)) + ")";
-    if (status != 200) return "the sandbox answered " + std::to_string(status) + " for its QR code";
-    if (!written) return "the file " + path + " could not be written";
     return std::nullopt;
 }
 
@@ -164,17 +170,8 @@ std::string verdictText(const Json& verdict, const std::string& what) {
 }  // namespace
 
 std::vector<std::string> sandboxChecks(const std::string& recordURL) {
-    std::string answer;
-    CURL* curl = curl_easy_init();
-    if (!curl) return {};
-    curl_easy_setopt(curl, CURLOPT_URL, recordURL.c_str());
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer);
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 5L);
-    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-    CURLcode code = curl_easy_perform(curl);
-    curl_easy_cleanup(curl);
-    auto record = code == CURLE_OK ? kelvane::json::parse(answer) : std::nullopt;
+    auto answer = get(recordURL, 5);
+    auto record = answer.body ? kelvane::json::parse(*answer.body) : std::nullopt;
     if (!record || !record->is_object()) return {};
     const Json none;
     auto member = [&](const Json& object, const char* name) -> const Json& {

@@ -7,6 +7,7 @@
 //   can <1|0> <LAError code or "none">
 //   answer <true|false> <the words the page gets>      (or "no answer")
 // after one line "biometrics <LAError code>" for the biometrics policy.
+#include "BrowserHarness.hpp"
 #include "PamAuthentication.hpp"
 
 #include <kelvane/Log.hpp>
@@ -26,17 +27,7 @@ using namespace kelvane;
 
 namespace {
 
-bool runUntil(const std::function<bool()>& done, std::chrono::seconds bound = std::chrono::seconds(20)) {
-    auto deadline = std::chrono::steady_clock::now() + bound;
-    guint ticker = g_timeout_add(20, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
-    bool held = done();
-    while (!held && std::chrono::steady_clock::now() < deadline) {
-        g_main_context_iteration(nullptr, TRUE);
-        held = done();
-    }
-    g_source_remove(ticker);
-    return held;
-}
+constexpr std::chrono::seconds kBound{20};
 
 std::string code(const std::optional<int>& value) { return value ? std::to_string(*value) : "none"; }
 
@@ -80,9 +71,9 @@ int main(int argc, char** argv) {
             answer = std::string(success ? "true " : "false ") + message;
         });
         for (const auto& reply : answers) {
-            if (!runUntil([&] { return answer || gtk::answerPasswordDialog(reply); })) break;
+            if (!browser::runUntil([&] { return answer || gtk::answerPasswordDialog(reply); }, kBound)) break;
         }
-        runUntil([&] { return answer.has_value(); });
+        browser::runUntil([&] { return answer.has_value(); }, kBound);
         std::printf("%s\n", answer ? ("answer " + *answer).c_str() : "no answer");
         std::fflush(stdout);
     }

@@ -93,6 +93,17 @@ protected:
     // through (and upgrades, on the default road) and an ack comes back; with it, the client
     // leaves the server before any request, and the engine reports `refusal` where it reports
     // the failure at all.
+    // The manager's "/" socket, its events in `log`, asked to connect on the handle queue.
+    std::shared_ptr<SocketIOClient> connecting(SocketManager& manager, EventLog& log) {
+        std::shared_ptr<SocketIOClient> socket;
+        queue->sync([&] {
+            socket = manager.socket("/");
+            log.attach(*socket);
+            socket->connect();
+        });
+        return socket;
+    }
+
     void expect(const Road& road, std::vector<Option> extra, std::optional<std::string> refusal,
                 const std::string& host = "localhost") {
         SCOPED_TRACE(road.name + (refusal ? " refused" : " through"));
@@ -115,12 +126,7 @@ protected:
             });
         };
         EventLog& log = logs.emplace_back();
-        std::shared_ptr<SocketIOClient> socket;
-        queue->sync([&] {
-            socket = manager->socket("/");
-            log.attach(*socket);
-            socket->connect();
-        });
+        auto socket = connecting(*manager, log);
 
         if (refusal) {
             // Before the upgrade the WebSocket road's engine passes no error on.
@@ -235,12 +241,7 @@ TEST_F(TrustPeer, TenThousandPipelinedAcksArriveWholeAndInOrderThroughTLS) {
     auto manager = std::make_shared<SocketManager>(*URL::make("https://localhost:" + std::to_string(server->port()) + "/"),
                                                    config);
     EventLog& log = logs.emplace_back();
-    std::shared_ptr<SocketIOClient> socket;
-    queue->sync([&] {
-        socket = manager->socket("/");
-        log.attach(*socket);
-        socket->connect();
-    });
+    auto socket = connecting(*manager, log);
     ASSERT_TRUE(log.waitFor("connect "));
     EXPECT_EQ(testing::pipelinedEchoes(*queue, socket, 10000, 64, std::string(100, 'p')), 10000);
     queue->sync([&] {

@@ -57,25 +57,6 @@ std::optional<Bytes> unwrapByteString(const Bytes& cbor) {
     return Bytes(cbor.begin() + static_cast<std::ptrdiff_t>(at), cbor.end());
 }
 
-void appendCborHead(Bytes& out, std::uint8_t major, std::size_t value) {
-    major <<= 5;
-    if (value < 24) {
-        out.push_back(major | static_cast<std::uint8_t>(value));
-    } else if (value <= 0xFF) {
-        out.insert(out.end(), {static_cast<std::uint8_t>(major | 24), static_cast<std::uint8_t>(value)});
-    } else if (value <= 0xFFFF) {
-        out.insert(out.end(), {static_cast<std::uint8_t>(major | 25), static_cast<std::uint8_t>(value >> 8),
-                               static_cast<std::uint8_t>(value)});
-    } else {
-        out.push_back(major | 26);
-        for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(value >> shift));
-    }
-}
-void appendCborText(Bytes& out, std::string_view text) {
-    appendCborHead(out, 3, text.size());
-    out.insert(out.end(), text.begin(), text.end());
-}
-
 }  // namespace
 
 std::vector<std::string> SecurityKeys::plugged() {
@@ -128,20 +109,13 @@ Result<SecurityKeyCredentialRegistration> SecurityKeys::makeCredential(const std
         format = "none";
         statement = {0xA0};
     }
-    Bytes attestation;
-    appendCborHead(attestation, 5, 3);
-    appendCborText(attestation, "fmt");
-    appendCborText(attestation, format);
-    appendCborText(attestation, "attStmt");
-    attestation.insert(attestation.end(), statement.begin(), statement.end());
-    appendCborText(attestation, "authData");
-    appendCborHead(attestation, 2, authData.size());
-    attestation.insert(attestation.end(), authData.begin(), authData.end());
+    Cbor attestation;
+    attestation.map(3).text("fmt").text(format).text("attStmt").raw(statement).text("authData").bytes(authData);
 
     SecurityKeyCredentialRegistration registration;
     registration.credentialID = bytesOf(fido_cred_id_ptr(credential.get()), fido_cred_id_len(credential.get()));
     registration.rawClientDataJSON = std::move(clientData);
-    registration.rawAttestationObject = std::move(attestation);
+    registration.rawAttestationObject = std::move(attestation.out);
     return registration;
 }
 

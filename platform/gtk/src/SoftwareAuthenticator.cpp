@@ -29,43 +29,6 @@ struct KeyFree {
 };
 using Key = std::unique_ptr<EVP_PKEY, KeyFree>;
 
-// The few CBOR items WebAuthn's structures need, in their canonical (shortest) form.
-class Cbor {
-public:
-    Cbor& head(std::uint8_t major, std::uint64_t value) {
-        major <<= 5;
-        if (value < 24) {
-            out.push_back(major | static_cast<std::uint8_t>(value));
-        } else if (value <= 0xFF) {
-            out.insert(out.end(), {static_cast<std::uint8_t>(major | 24), static_cast<std::uint8_t>(value)});
-        } else if (value <= 0xFFFF) {
-            out.insert(out.end(), {static_cast<std::uint8_t>(major | 25), static_cast<std::uint8_t>(value >> 8),
-                                   static_cast<std::uint8_t>(value)});
-        } else {
-            out.push_back(major | 26);
-            for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(value >> shift));
-        }
-        return *this;
-    }
-    Cbor& integer(std::int64_t value) {
-        return value >= 0 ? head(0, static_cast<std::uint64_t>(value))
-                          : head(1, static_cast<std::uint64_t>(-1 - value));
-    }
-    Cbor& bytes(ByteView value) {
-        head(2, value.size());
-        out.insert(out.end(), value.begin(), value.end());
-        return *this;
-    }
-    Cbor& text(std::string_view value) {
-        head(3, value.size());
-        out.insert(out.end(), value.begin(), value.end());
-        return *this;
-    }
-    Cbor& map(std::size_t entries) { return head(5, entries); }
-
-    Bytes out;
-};
-
 void appendBigEndian(Bytes& out, std::uint64_t value, int width) {
     for (int shift = (width - 1) * 8; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(value >> shift));
 }
@@ -90,6 +53,43 @@ Error cryptoError(const char* what) {
 }
 
 }  // namespace
+
+Cbor& Cbor::head(std::uint8_t major, std::uint64_t value) {
+    major <<= 5;
+    if (value < 24) {
+        out.push_back(major | static_cast<std::uint8_t>(value));
+    } else if (value <= 0xFF) {
+        out.insert(out.end(), {static_cast<std::uint8_t>(major | 24), static_cast<std::uint8_t>(value)});
+    } else if (value <= 0xFFFF) {
+        out.insert(out.end(), {static_cast<std::uint8_t>(major | 25), static_cast<std::uint8_t>(value >> 8),
+                               static_cast<std::uint8_t>(value)});
+    } else {
+        out.push_back(major | 26);
+        for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(value >> shift));
+    }
+    return *this;
+}
+
+Cbor& Cbor::integer(std::int64_t value) {
+    return value >= 0 ? head(0, static_cast<std::uint64_t>(value)) : head(1, static_cast<std::uint64_t>(-1 - value));
+}
+
+Cbor& Cbor::bytes(ByteView value) {
+    head(2, value.size());
+    out.insert(out.end(), value.begin(), value.end());
+    return *this;
+}
+
+Cbor& Cbor::text(std::string_view value) {
+    head(3, value.size());
+    out.insert(out.end(), value.begin(), value.end());
+    return *this;
+}
+
+Cbor& Cbor::raw(ByteView encoded) {
+    out.insert(out.end(), encoded.begin(), encoded.end());
+    return *this;
+}
 
 std::string base64url(ByteView data) {
     std::string text(4 * ((data.size() + 2) / 3) + 1, '\0');

@@ -34,6 +34,20 @@ struct StoredPasskey {
     std::uint32_t signCount = 0;
 };
 
+// The few CBOR items WebAuthn's structures need, in their canonical (shortest) form.
+class Cbor {
+public:
+    Cbor& head(std::uint8_t major, std::uint64_t value);
+    Cbor& integer(std::int64_t value);
+    Cbor& bytes(ByteView value);
+    Cbor& text(std::string_view value);
+    Cbor& map(std::size_t entries) { return head(5, entries); }
+    // An item encoded elsewhere, as it is.
+    Cbor& raw(ByteView encoded);
+
+    Bytes out;
+};
+
 // URL-safe base64 without padding, as WebAuthn writes binary values.
 std::string base64url(ByteView data);
 std::optional<Bytes> fromBase64url(std::string_view text);
