@@ -83,7 +83,7 @@ Result<Json> SocketItem::socketRepresentation() const {
 void SocketEventHandler::executeCallback(const std::vector<Json>& items, std::int64_t ack,
                                          const std::shared_ptr<SocketIOClient>& socket) const {
     SocketAckEmitter emitter(socket, ack);
-    callback(items, emitter);
+    (*callback)(items, emitter);
 }
 
 std::string SocketAnyEvent::description() const {
@@ -156,7 +156,8 @@ void OnAckCallback::timingOut(double seconds, AckCallback callback) {
     auto socket = socket_.lock();
     if (!socket || ackNumber_ == -1) return;
     socket->ackHandlers.addAck(ackNumber_, std::move(callback));
-    socket->emit(items_, ackNumber_, binary_);
+    // Sent once: the packet takes the items.
+    socket->emit(std::move(items_), ackNumber_, binary_);
     if (seconds == 0) return;
     auto manager = socket->manager();
     if (!manager) return;
@@ -257,7 +258,7 @@ void SocketIOClient::setReconnecting(const std::string& reason) {
 std::string SocketIOClient::on(const std::string& event, NormalCallback callback) {
     socketLog(logType_, [&] { return "Adding handler for event: " + event; });
     auto id = makeUUIDString();
-    handlers.push_back(SocketEventHandler{event, id, std::move(callback)});
+    handlers.push_back(SocketEventHandler{event, id, std::make_shared<const NormalCallback>(std::move(callback))});
     return id;
 }
 
@@ -275,7 +276,7 @@ std::string SocketIOClient::once(const std::string& event, NormalCallback callba
         self->offId(id);
         callback(data, ack);
     };
-    handlers.push_back(SocketEventHandler{event, id, std::move(wrapped)});
+    handlers.push_back(SocketEventHandler{event, id, std::make_shared<const NormalCallback>(std::move(wrapped))});
     return id;
 }
 
@@ -410,16 +411,25 @@ void SocketIOClient::handleEvent(const std::string& event, const std::vector<Jso
     // Keeps the client alive through handlers that drop the last outside reference.
     auto self = weak_from_this().lock();
     if (anyHandler) anyHandler(SocketAnyEvent{event, data});
-    // Over a copy of the callbacks that match: handlers added or removed by a callback do not
-    // change this dispatch.
-    std::vector<NormalCallback> current;
+    // Over the callbacks that match when it starts: handlers added or removed by a callback do
+    // not change this dispatch. Most events have one handler, which needs no list.
+    std::shared_ptr<const NormalCallback> first;
+    std::vector<std::shared_ptr<const NormalCallback>> more;
     for (const auto& handler : handlers) {
-        if (handler.event == event) current.push_back(handler.callback);
+        if (handler.event != event) continue;
+        if (first) {
+            more.push_back(handler.callback);
+        } else {
+            first = handler.callback;
+        }
     }
-    for (const auto& callback : current) {
+    if (!first) return;
+    auto run = [&](const NormalCallback& callback) {
         SocketAckEmitter emitter(self, ack);
         callback(data, emitter);
-    }
+    };
+    run(*first);
+    for (const auto& callback : more) run(*callback);
 }
 
 void SocketIOClient::handleClientEvent(SocketClientEvent event, const std::vector<Json>& data) {

@@ -74,7 +74,8 @@ using AckCallback = std::function<void(const std::vector<Json>& data)>;
 struct SocketEventHandler {
     std::string event;
     std::string id;  // a UUID
-    NormalCallback callback;
+    // Shared, so that a dispatch holds the callbacks it runs without copying them.
+    std::shared_ptr<const NormalCallback> callback;
 
     void executeCallback(const std::vector<Json>& items, std::int64_t ack,
                          const std::shared_ptr<SocketIOClient>& socket) const;
@@ -120,7 +121,7 @@ public:
     std::int64_t ackNumber() const { return ackNumber_; }
     const std::vector<Json>& items() const { return items_; }
     // Sends the items with the ack number; the callback gets the answer, or ["NO ACK"] after
-    // `seconds` (0 waits for ever). Handle queue only.
+    // `seconds` (0 waits for ever). Handle queue only; once (the packet takes the items).
     void timingOut(double seconds, AckCallback callback);
 
 private:

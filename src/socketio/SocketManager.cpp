@@ -214,43 +214,47 @@ void SocketManager::reconnect() {
     if (engine_) engine_->disconnect("manual reconnect");
 }
 
-template <class Work>
-void SocketManager::onHandleQueue(Work work) {
-    handleQueue_->async([weak = weak_from_this(), work = std::move(work)]() mutable {
-        if (auto self = weak.lock()) work(*self);
+void SocketManager::onHandleQueue(FromEngine item) {
+    if (!fromEngine_.put(std::move(item))) return;
+    handleQueue_->async([weak = weak_from_this()] {
+        auto self = weak.lock();
+        if (!self) return;
+        self->fromEngine_.deliver([&](FromEngine& item) {
+            if (item.work) return item.work(*self);
+            self->_parseEngineMessage(item.message);
+        });
     });
 }
 
 void SocketManager::engineDidClose(std::string reason) {
-    onHandleQueue([reason = std::move(reason)](SocketManager& self) { self._engineDidClose(reason); });
+    onHandleQueue({{}, [reason = std::move(reason)](SocketManager& self) { self._engineDidClose(reason); }});
 }
 void SocketManager::engineDidError(std::string reason) {
-    onHandleQueue([reason = std::move(reason)](SocketManager& self) { self._engineDidError(reason); });
+    onHandleQueue({{}, [reason = std::move(reason)](SocketManager& self) { self._engineDidError(reason); }});
 }
 void SocketManager::engineDidOpen(std::string reason) {
-    onHandleQueue([reason = std::move(reason)](SocketManager& self) { self._engineDidOpen(reason); });
+    onHandleQueue({{}, [reason = std::move(reason)](SocketManager& self) { self._engineDidOpen(reason); }});
 }
 void SocketManager::engineDidReceivePing() {
-    onHandleQueue([](SocketManager& self) { self._engineDidReceivePing(); });
+    onHandleQueue({{}, [](SocketManager& self) { self._engineDidReceivePing(); }});
 }
 void SocketManager::engineDidSendPing() {
-    onHandleQueue([](SocketManager& self) { self._engineDidSendPing(); });
+    onHandleQueue({{}, [](SocketManager& self) { self._engineDidSendPing(); }});
 }
 void SocketManager::engineDidReceivePong() {
-    onHandleQueue([](SocketManager& self) { self._engineDidReceivePong(); });
+    onHandleQueue({{}, [](SocketManager& self) { self._engineDidReceivePong(); }});
 }
 void SocketManager::engineDidSendPong() {
-    onHandleQueue([](SocketManager& self) { self._engineDidSendPong(); });
+    onHandleQueue({{}, [](SocketManager& self) { self._engineDidSendPong(); }});
 }
-void SocketManager::parseEngineMessage(std::string message) {
-    onHandleQueue([message = std::move(message)](SocketManager& self) { self._parseEngineMessage(message); });
-}
+void SocketManager::parseEngineMessage(std::string message) { onHandleQueue({std::move(message), nullptr}); }
 void SocketManager::parseEngineBinaryData(Bytes data) {
     onHandleQueue(
-        [data = std::move(data)](SocketManager& self) mutable { self._parseEngineBinaryData(std::move(data)); });
+        {{}, [data = std::move(data)](SocketManager& self) mutable { self._parseEngineBinaryData(std::move(data)); }});
 }
 void SocketManager::engineDidWebsocketUpgrade(websocket::Headers headers) {
-    onHandleQueue([headers = std::move(headers)](SocketManager& self) { self._engineDidWebsocketUpgrade(headers); });
+    onHandleQueue(
+        {{}, [headers = std::move(headers)](SocketManager& self) { self._engineDidWebsocketUpgrade(headers); }});
 }
 
 void SocketManager::_engineDidClose(const std::string& reason) {

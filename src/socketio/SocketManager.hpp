@@ -5,6 +5,7 @@
 #include "socketio/SocketIOClientOption.hpp"
 #include "socketio/SocketManagerSpec.hpp"
 #include "socketio/SocketPacket.hpp"
+#include "support/Inbox.hpp"
 
 #include <kelvane/Json.hpp>
 #include <kelvane/Queue.hpp>
@@ -120,8 +121,13 @@ public:
     double reconnectInterval(std::int64_t attempts) const;
 
 private:
-    template <class Work>
-    void onHandleQueue(Work work);
+    // What the engine hands over reaches the handle queue through one inbox, in order: a text
+    // packet as its text, anything else as work.
+    struct FromEngine {
+        std::string message;
+        std::function<void(SocketManager&)> work;
+    };
+    void onHandleQueue(FromEngine item);
     void endReconnectLoop();
     void scheduleReconnect(double seconds);
     // Counts bytes into what the waiting binary packets hold; false (and the engine closing
@@ -132,6 +138,7 @@ private:
     URL socketURL_;
     std::shared_ptr<SocketEngineSpec> engine_;
     std::shared_ptr<Queue> handleQueue_;
+    Inbox<FromEngine> fromEngine_;
     SocketIOStatus status_ = SocketIOStatus::notConnected;
     SocketIOVersion version_ = SocketIOVersion::three;
     SocketIOClientConfiguration config_;

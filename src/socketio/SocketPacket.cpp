@@ -235,6 +235,14 @@ public:
         return value;
     }
 
+    // A whole text that is an array, into `out`, without the value around it.
+    bool parseArray(Json::array_t& out) {
+        skipSpace();
+        if (at_ == end_ || *at_ != '[' || !elements(out, 1)) return false;
+        skipSpace();
+        return at_ == end_;
+    }
+
 private:
     static constexpr int kMaxDepth = 64;
 
@@ -267,12 +275,18 @@ private:
     }
 
     bool array(Json& out, int depth) {
+        out = Json::array();
+        return elements(out.get_ref<Json::array_t&>(), depth);
+    }
+
+    // At the opening bracket.
+    bool elements(Json::array_t& elements, int depth) {
         if (depth > kMaxDepth) return false;
         ++at_;
-        out = Json::array();
-        auto& elements = out.get_ref<Json::array_t&>();
         skipSpace();
         if (take(']')) return true;
+        // An event's arrays are short: one allocation covers most.
+        elements.reserve(4);
         while (true) {
             elements.emplace_back();
             if (!element(elements.back(), depth)) return false;
@@ -621,9 +635,9 @@ std::optional<std::string> toJSON(const std::vector<Json>& values) {
 
 std::variant<std::vector<Json>, JSONError> toArray(std::string_view text) {
     // A text the quick reader takes is well-formed UTF-8 throughout.
-    auto quick = QuickJSON(text).parse();
-    if (!quick && !isValidUTF8(text)) return std::vector<Json>{};
-    Json root = quick ? std::move(*quick) : Json::parse(text.begin(), text.end(), nullptr, false);
+    if (Json::array_t array; QuickJSON(text).parseArray(array)) return array;
+    if (!isValidUTF8(text)) return std::vector<Json>{};
+    Json root = Json::parse(text.begin(), text.end(), nullptr, false);
     if (!root.is_array()) return JSONError::notArray;
     return std::move(root.get_ref<Json::array_t&>());
 }

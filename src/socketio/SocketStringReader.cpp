@@ -124,7 +124,7 @@ std::size_t utf16Length(std::string_view text) {
 
 SocketStringReader::SocketStringReader(std::string_view message) : isASCII_(isASCII(message)) {
     if (isASCII_) {
-        ascii_.assign(message);
+        ascii_ = message;
     } else {
         message_ = utf16(message);
     }
@@ -140,7 +140,7 @@ void SocketStringReader::checkIndex(std::ptrdiff_t end) const {
 
 std::string SocketStringReader::units(std::ptrdiff_t from, std::ptrdiff_t to) const {
     auto count = static_cast<std::size_t>(to - from);
-    if (isASCII_) return ascii_.substr(static_cast<std::size_t>(from), count);
+    if (isASCII_) return std::string(ascii_.substr(static_cast<std::size_t>(from), count));
     return utf8(std::u16string_view(message_).substr(static_cast<std::size_t>(from), count));
 }
 

@@ -14,7 +14,8 @@ bool isASCII(std::string_view text);
 // Length of a well-formed UTF-8 text in UTF-16 code units.
 std::size_t utf16Length(std::string_view text);
 
-// A cursor over a message, counted in UTF-16 code units. A plain value.
+// A cursor over a message, counted in UTF-16 code units. An all-ASCII message is read where it
+// stands, so the message must outlive the reader.
 class SocketStringReader {
 public:
     explicit SocketStringReader(std::string_view message);
@@ -37,9 +38,9 @@ private:
     std::string units(std::ptrdiff_t from, std::ptrdiff_t to) const;
 
     std::u16string message_;
-    // An all-ASCII message is kept as it came: there a unit index is a byte index, so no
-    // conversion is needed either way.
-    std::string ascii_;
+    // An all-ASCII message as it came: there a unit index is a byte index, so no conversion is
+    // needed either way.
+    std::string_view ascii_;
     bool isASCII_ = false;
     std::ptrdiff_t currentIndex_ = 0;
 };

@@ -62,14 +62,17 @@ void WebSocket::writePong(Bytes pong, Engine::WriteCompletion completion) {
 }
 
 void WebSocket::didReceive(WebSocketEvent event) {
-    callbackQueue->async([weak = weak_from_this(), event = std::move(event)]() mutable {
+    if (!inbox_.put(std::move(event))) return;
+    callbackQueue->async([weak = weak_from_this()] {
         auto self = weak.lock();
         if (!self) return;
-        if (auto delegate = self->delegate.lock()) {
-            if (!self->onEvent) return delegate->didReceive(std::move(event), *self);
-            delegate->didReceive(std::as_const(event), *self);
-        }
-        if (self->onEvent) self->onEvent(event);
+        self->inbox_.deliver([&](WebSocketEvent& event) {
+            if (auto delegate = self->delegate.lock()) {
+                if (!self->onEvent) return delegate->didReceive(std::move(event), *self);
+                delegate->didReceive(std::as_const(event), *self);
+            }
+            if (self->onEvent) self->onEvent(event);
+        });
     });
 }
 

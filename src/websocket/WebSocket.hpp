@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/Inbox.hpp"
+
 #include "websocket/Engine.hpp"
 
 #include <kelvane/Queue.hpp>
@@ -63,6 +65,7 @@ public:
 private:
     std::shared_ptr<Engine> engine_;
     Request request_;
+    Inbox<WebSocketEvent> inbox_;
 };
 
 }  // namespace kelvane::websocket

@@ -219,10 +219,11 @@ TEST(SocketIOClientHandlers, RunInOrderOnceAndOverACopy) {
 
     // A handler removed by an earlier one still runs in the same dispatch.
     calls.clear();
-    h.client->handlers.front().callback = [&](const std::vector<Json>&, SocketAckEmitter&) {
-        calls.push_back("a");
-        h.client->off("ev");
-    };
+    h.client->handlers.front().callback =
+        std::make_shared<const NormalCallback>([&](const std::vector<Json>&, SocketAckEmitter&) {
+            calls.push_back("a");
+            h.client->off("ev");
+        });
     h.client->handleEvent("ev", {}, false);
     h.client->handleEvent("ev", {}, false);
     EXPECT_THAT(calls, ElementsAre("a", "b"));

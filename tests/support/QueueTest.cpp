@@ -1,4 +1,5 @@
 #include "ManualQueue.hpp"
+#include "support/Inbox.hpp"
 
 #include <kelvane/Queue.hpp>
 
@@ -85,6 +86,26 @@ TEST(SerialQueue, RunsTasksOneAtATimeInOrder) {
     EXPECT_FALSE(overlapped);
     ASSERT_EQ(order.size(), 200u);
     for (int i = 0; i < 200; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
+}
+
+// Items put from another thread while deliveries run: each run of puts schedules one delivery,
+// and every item arrives once, in order.
+TEST(Inbox, DeliversEveryItemOnceInOrderAcrossDeliveries) {
+    auto queue = Queue::makeSerial("test.inbox");
+    kelvane::Inbox<int> inbox;
+    std::vector<int> delivered;
+    constexpr int kItems = 10000;
+    std::thread producer([&] {
+        for (int i = 0; i < kItems; ++i) {
+            if (!inbox.put(i)) continue;
+            queue->async([&] { inbox.deliver([&](int& item) { delivered.push_back(item); }); });
+        }
+    });
+    producer.join();
+    queue->sync([] {});
+    std::vector<int> expected(kItems);
+    for (int i = 0; i < kItems; ++i) expected[static_cast<std::size_t>(i)] = i;
+    EXPECT_EQ(delivered, expected);
 }
 
 TEST(SerialQueue, KnowsWhenCodeRunsOnIt) {
