@@ -10,4 +10,20 @@ namespace kelvane {
 // socket of the library. Never destroyed.
 asio::io_context& networkContext();
 
+bool onNetworkThread();
+
+// A handler of the network context that hands work to serial queues declares itself a turn:
+// the queues it makes ready take their turns when it ends, before the context polls its
+// sockets again, instead of each costing the context a round. Nested turns are one turn.
+class NetworkTurn {
+public:
+    NetworkTurn();
+    ~NetworkTurn();
+    NetworkTurn(const NetworkTurn&) = delete;
+    NetworkTurn& operator=(const NetworkTurn&) = delete;
+
+private:
+    bool outermost_;
+};
+
 }  // namespace kelvane

@@ -24,7 +24,7 @@
 namespace kelvane {
 namespace {
 
-thread_local bool onNetworkThread = false;
+thread_local bool isNetworkThread = false;
 
 // One context and one thread for every serial queue and timer of the process. It is never
 // destroyed: queues may still post from static destructors and detached callbacks.
@@ -33,7 +33,7 @@ public:
     NetworkRuntime() : guard_(asio::make_work_guard(context_)) {
         thread_ = std::thread([this] {
             pthread_setname_np(pthread_self(), "kelvane-net");
-            onNetworkThread = true;
+            isNetworkThread = true;
             context_.run();
         });
         thread_.detach();
@@ -76,7 +76,9 @@ public:
     void asyncAfter(Duration delay, Task task) override {
         auto timer = std::make_shared<asio::steady_timer>(NetworkRuntime::shared().context(), delay);
         timer->async_wait([timer, self = shared_from_this(), task = std::move(task)](const asio::error_code& error) mutable {
-            if (!error) self->async(std::move(task));
+            if (error) return;
+            NetworkTurn turn;
+            self->async(std::move(task));
         });
     }
 
@@ -102,41 +104,28 @@ public:
         task();
     }
 
-private:
-    // Queues that a turn on this thread made ready: they take their turns right after it, before
-    // the network context polls its sockets again, so that a chain of hops between serial queues
-    // (an emit on its way to the wire, a read on its way to the handler) costs the context one
-    // turn, not one each. Set while a turn that the context started runs.
-    static thread_local std::deque<std::shared_ptr<SerialQueue>>* readyAfterTurn;
-    // Turns taken in a row that way; then the rest go back to the context, so that sockets and
-    // timers are not kept waiting.
-    static constexpr int kTurnsInARow = 256;
-
-    void schedule() {
-        if (readyAfterTurn) {
-            readyAfterTurn->push_back(shared_from_this());
-            return;
+    // One turn runs what was waiting when it began, then lets the other queues have theirs.
+    void drain() {
+        runWaiting();
+        {
+            std::lock_guard lock(mutex_);
+            if (tasks_.empty()) {
+                scheduled_ = false;
+                return;
+            }
         }
-        post();
+        schedule();
     }
 
     void post() {
-        asio::post(NetworkRuntime::shared().context(), [self = shared_from_this()] { self->turns(); });
+        asio::post(NetworkRuntime::shared().context(), [self = shared_from_this()] {
+            NetworkTurn turn;
+            self->drain();
+        });
     }
 
-    // A turn started by the context, then those of the queues it made ready, in order.
-    void turns() {
-        std::deque<std::shared_ptr<SerialQueue>> ready;
-        readyAfterTurn = &ready;
-        drain();
-        for (int taken = 1; !ready.empty() && taken < kTurnsInARow; ++taken) {
-            auto next = std::move(ready.front());
-            ready.pop_front();
-            next->drain();
-        }
-        readyAfterTurn = nullptr;
-        for (auto& queue : ready) queue->post();
-    }
+private:
+    void schedule();
 
     // Runs the tasks that were waiting when it began, in order; later ones wait their turn.
     void runWaiting() {
@@ -157,26 +146,28 @@ private:
         }
     }
 
-    // One turn runs what was waiting when it began, then lets the other queues have theirs.
-    void drain() {
-        runWaiting();
-        {
-            std::lock_guard lock(mutex_);
-            if (tasks_.empty()) {
-                scheduled_ = false;
-                return;
-            }
-        }
-        schedule();
-    }
-
     std::string label_;
     std::mutex mutex_;
     std::deque<Task> tasks_;
     bool scheduled_ = false;
 };
 
-thread_local std::deque<std::shared_ptr<SerialQueue>>* SerialQueue::readyAfterTurn = nullptr;
+// Queues that the turn running on this thread made ready: they take their turns when it ends,
+// before the network context polls its sockets again, so that a chain of hops between serial
+// queues (an emit on its way to the wire, a read on its way to the handler) costs the context
+// one round, not one each. Set while a turn runs.
+thread_local std::vector<std::shared_ptr<SerialQueue>>* readyAfterTurn = nullptr;
+// Turns taken in a row that way; then the rest go back to the context, so that sockets and
+// timers are not kept waiting.
+constexpr int kTurnsInARow = 256;
+
+void SerialQueue::schedule() {
+    if (readyAfterTurn) {
+        readyAfterTurn->push_back(shared_from_this());
+        return;
+    }
+    post();
+}
 
 thread_local bool onGlobalQueue = false;
 
@@ -213,6 +204,28 @@ private:
 
 asio::io_context& networkContext() { return NetworkRuntime::shared().context(); }
 
+bool onNetworkThread() { return isNetworkThread; }
+
+NetworkTurn::NetworkTurn() : outermost_(readyAfterTurn == nullptr) {
+    // Kept from turn to turn, so that a turn costs no allocation.
+    thread_local std::vector<std::shared_ptr<SerialQueue>> ready;
+    if (outermost_) readyAfterTurn = &ready;
+}
+
+NetworkTurn::~NetworkTurn() {
+    if (!outermost_) return;
+    auto& ready = *readyAfterTurn;
+    std::size_t next = 0;
+    for (int taken = 0; next < ready.size() && taken < kTurnsInARow; ++taken) {
+        // By value: a drain may add to the list and move it.
+        auto queue = std::move(ready[next++]);
+        queue->drain();
+    }
+    readyAfterTurn = nullptr;
+    for (; next < ready.size(); ++next) ready[next]->post();
+    ready.clear();
+}
+
 Queue::~Queue() = default;
 
 void Queue::sync(Task task) {
@@ -227,7 +240,7 @@ void Queue::sync(Task task) {
         // that queue itself.
         if (serial->runningOnThisThread()) return serial->run(task);
         // Waiting here would block the one thread that could run the task.
-        if (onNetworkThread) return serial->runInPlace(task);
+        if (isNetworkThread) return serial->runInPlace(task);
     }
     std::promise<void> done;
     auto finished = done.get_future();

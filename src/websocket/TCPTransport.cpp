@@ -18,6 +18,7 @@
 #include <cmath>
 #include <deque>
 #include <mutex>
+#include <utility>
 
 namespace kelvane::websocket {
 
@@ -135,8 +136,20 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
     std::atomic<bool> isRunning{false};
     std::atomic<bool> isTLS{false};
     std::atomic<std::size_t> readLimit{Limits{}.maxFrameSize + kLargestFrameHeader};
+    // Calls of ours posted to the strand and not yet run: while there are any, a write from
+    // the network thread queues behind them.
+    std::atomic<int> waiting{0};
     std::shared_ptr<Connection> connection;  // strand only
     std::optional<Failure> failure;          // strand only: the last connection failed, and how
+
+    template <class Call>
+    void onStrand(Call call) {
+        ++waiting;
+        asio::post(strand, [this, call = std::move(call)]() mutable {
+            --waiting;
+            call();
+        });
+    }
 
     std::shared_ptr<TransportEventClient> currentDelegate() {
         std::lock_guard lock(delegateMutex);
@@ -282,6 +295,9 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
                 ConnectionState state{ConnectionState::Kind::receive};
                 state.data.assign(candidate->readBuffer.begin(), candidate->readBuffer.begin() + count);
                 candidate->fitReadBuffer(count, self->readLimit.load());
+                // What the bytes set off (framing, the engine, the handlers, their answers) runs
+                // before the next read, which then finds more of what the peer sent meanwhile.
+                NetworkTurn turn;
                 self->report(std::move(state));
             }
             if (error == asio::error::eof || error == asio::ssl::error::stream_truncated) {
@@ -329,15 +345,18 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
         candidate->writing = true;
         std::weak_ptr<Shared> weak = weak_from_this();
         candidate->inFlight = candidate->writeWaiting([weak, candidate](const asio::error_code& error, std::size_t) {
-            candidate->writing = false;
+            NetworkTurn turn;
             const std::optional<Failure> outcome =
                 error ? std::optional<Failure>(networkError(error)) : std::nullopt;
-            // In order, each with the outcome of the send that carried it.
-            for (std::size_t i = 0; i < candidate->inFlight && !candidate->writes.empty(); ++i) {
+            // In order, each with the outcome of the send that carried it. Still writing: a write
+            // a completion makes waits behind these.
+            const std::size_t carried = std::exchange(candidate->inFlight, 0);
+            for (std::size_t i = 0; i < carried && !candidate->writes.empty(); ++i) {
                 auto completion = std::move(candidate->writes.front().second);
                 candidate->writes.pop_front();
                 if (completion) completion(outcome);
             }
+            candidate->writing = false;
             if (auto self = weak.lock()) self->writeNext(candidate);
         });
     }
@@ -366,7 +385,7 @@ long TCPTransport::connectionTimeoutSeconds(double timeout) {
 void TCPTransport::connect(const URL& url, double timeout, std::shared_ptr<CertificatePinning> certificatePinning) {
     auto parts = getParts(url);
     if (!parts) {
-        asio::post(shared_->strand, [shared = shared_] { shared->report(Shared::failed(TCPTransportError::invalidRequest)); });
+        shared_->onStrand([shared = shared_] { shared->report(Shared::failed(TCPTransportError::invalidRequest)); });
         return;
     }
     shared_->isTLS = parts->isTLS;
@@ -374,8 +393,8 @@ void TCPTransport::connect(const URL& url, double timeout, std::shared_ptr<Certi
     auto port = static_cast<std::uint16_t>(parts->port);
     auto seconds = connectionTimeoutSeconds(timeout);
     shared_->isRunning = true;
-    asio::post(shared_->strand, [shared = shared_, host = unbracketed(parts->host), port, seconds, tls = parts->isTLS,
-                                 pinner = std::move(certificatePinning)] {
+    shared_->onStrand([shared = shared_, host = unbracketed(parts->host), port, seconds, tls = parts->isTLS,
+                       pinner = std::move(certificatePinning)] {
         if (shared->connection) shared->connection->close();
         shared->failure.reset();
         shared->connection = std::make_shared<Connection>(shared->strand, tls);
@@ -385,11 +404,17 @@ void TCPTransport::connect(const URL& url, double timeout, std::shared_ptr<Certi
 
 void TCPTransport::disconnect() {
     shared_->isRunning = false;
-    asio::post(shared_->strand, [shared = shared_] { shared->cut(); });
+    shared_->onStrand([shared = shared_] { shared->cut(); });
 }
 
 void TCPTransport::write(Bytes data, WriteCompletion completion) {
-    asio::post(shared_->strand, [shared = shared_, data = std::move(data), completion = std::move(completion)]() mutable {
+    // On the network thread, with no call of ours waiting for the strand, the write starts here:
+    // the order of calls holds and the strand could run nothing else meanwhile.
+    if (onNetworkThread() && shared_->waiting.load() == 0) {
+        shared_->write(std::move(data), std::move(completion));
+        return;
+    }
+    shared_->onStrand([shared = shared_, data = std::move(data), completion = std::move(completion)]() mutable {
         shared->write(std::move(data), std::move(completion));
     });
 }
