@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -7,8 +9,8 @@
 namespace kelvane {
 
 // Items handed from one thread or queue to another, in order: the sender schedules one
-// delivery for a run of items instead of one task each. The vectors are kept and reused, so a
-// steady stream costs no allocation per item.
+// delivery for a run of items instead of one task each. A small vector is kept for the next
+// run, so that a steady stream of short runs costs no allocation per item; keep items small.
 template <class Item>
 class Inbox {
 public:
@@ -27,18 +29,20 @@ public:
         {
             std::lock_guard lock(mutex_);
             items.swap(items_);
-            items_.swap(spare_);
         }
         for (auto& item : items) each(item);
         items.clear();
+        if (items.capacity() > kKeptCapacity) return;
         std::lock_guard lock(mutex_);
-        if (spare_.capacity() < items.capacity()) spare_.swap(items);
+        if (items_.capacity() == 0) items_.swap(items);
     }
 
 private:
+    // What an idle inbox keeps: a burst's vector is given back.
+    static constexpr std::size_t kKeptCapacity = std::max<std::size_t>(1, 128 / sizeof(Item));
+
     std::mutex mutex_;
     std::vector<Item> items_;
-    std::vector<Item> spare_;  // empty; the next inbox
 };
 
 }  // namespace kelvane

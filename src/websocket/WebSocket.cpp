@@ -62,11 +62,24 @@ void WebSocket::writePong(Bytes pong, Engine::WriteCompletion completion) {
 }
 
 void WebSocket::didReceive(WebSocketEvent event) {
-    if (!inbox_.put(std::move(event))) return;
+    Arrival arrival;
+    if (event.kind == WebSocketEvent::Kind::text) {
+        arrival.text = std::move(event.text);
+    } else {
+        arrival.event = std::make_unique<WebSocketEvent>(std::move(event));
+    }
+    if (!inbox_.put(std::move(arrival))) return;
     callbackQueue->async([weak = weak_from_this()] {
         auto self = weak.lock();
         if (!self) return;
-        self->inbox_.deliver([&](WebSocketEvent& event) {
+        self->inbox_.deliver([&](Arrival& arrival) {
+            WebSocketEvent event;
+            if (arrival.event) {
+                event = std::move(*arrival.event);
+            } else {
+                event.kind = WebSocketEvent::Kind::text;
+                event.text = std::move(arrival.text);
+            }
             if (auto delegate = self->delegate.lock()) {
                 if (!self->onEvent) return delegate->didReceive(std::move(event), *self);
                 delegate->didReceive(std::as_const(event), *self);

@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <utility>
 
 namespace kelvane::websocket {
@@ -65,7 +66,12 @@ public:
 private:
     std::shared_ptr<Engine> engine_;
     Request request_;
-    Inbox<WebSocketEvent> inbox_;
+    // Events on their way to callbackQueue: a text message as its text, anything else whole.
+    struct Arrival {
+        std::string text;
+        std::unique_ptr<WebSocketEvent> event;
+    };
+    Inbox<Arrival> inbox_;
 };
 
 }  // namespace kelvane::websocket
