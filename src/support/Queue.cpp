@@ -1,5 +1,6 @@
 #include <kelvane/Queue.hpp>
 
+#include "support/Fifo.hpp"
 #include "support/NetworkContext.hpp"
 
 #include <kelvane/Log.hpp>
@@ -14,7 +15,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <future>
 #include <mutex>
 #include <pthread.h>
@@ -148,7 +148,7 @@ private:
 
     std::string label_;
     std::mutex mutex_;
-    std::deque<Task> tasks_;
+    Fifo<Task> tasks_;
     bool scheduled_ = false;
 };
 

@@ -1,4 +1,5 @@
 #include "support/Fatal.hpp"
+#include "support/Fifo.hpp"
 #include "websocket/HTTPWSHeader.hpp"
 #include "websocket/Transport.hpp"
 
@@ -16,7 +17,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <deque>
 #include <mutex>
 #include <utility>
 
@@ -118,7 +118,7 @@ struct TCPTransport::Connection {
     std::optional<asio::ssl::context> context;
     std::optional<asio::ssl::stream<tcp::socket&>> stream;
     Bytes readBuffer = Bytes(kInitialReadBuffer);
-    std::deque<std::pair<Bytes, WriteCompletion>> writes;
+    Fifo<std::pair<Bytes, WriteCompletion>> writes;
     std::vector<asio::const_buffer> buffers;  // plain TCP: the writes leaving together
     Bytes gathered;                           // TLS: the same, in one buffer
     bool writing = false;
@@ -189,9 +189,7 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
     }
 
     void flushWrites(const std::shared_ptr<Connection>& ended) {
-        auto writes = std::move(ended->writes);
-        ended->writes.clear();
-        for (auto& write : writes) {
+        for (auto& write : ended->writes.takeAll()) {
             if (!write.second) continue;
             asio::post(strand, [done = std::move(write.second), reason = *ended->endedWith] { done(reason); });
         }

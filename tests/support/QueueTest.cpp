@@ -1,4 +1,5 @@
 #include "ManualQueue.hpp"
+#include "support/Fifo.hpp"
 #include "support/Inbox.hpp"
 
 #include <kelvane/Queue.hpp>
@@ -8,6 +9,7 @@
 #include <atomic>
 #include <future>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -86,6 +88,26 @@ TEST(SerialQueue, RunsTasksOneAtATimeInOrder) {
     EXPECT_FALSE(overlapped);
     ASSERT_EQ(order.size(), 200u);
     for (int i = 0; i < 200; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
+}
+
+// Pops interleaved with pushes, so that the list compacts as it grows, keep the order; what is
+// left comes out whole.
+TEST(Fifo, KeepsOrderThroughCompactionAndGivesTheRestBack) {
+    kelvane::Fifo<std::string> fifo;
+    std::vector<std::string> popped;
+    int next = 0;
+    for (int round = 0; round < 50; ++round) {
+        for (int i = 0; i < 3; ++i) fifo.push_back(std::to_string(next++));
+        popped.push_back(std::move(fifo.front()));
+        fifo.pop_front();
+    }
+    EXPECT_EQ(fifo.size(), 100u);
+    EXPECT_EQ(fifo[0], "50");
+    auto rest = fifo.takeAll();
+    EXPECT_TRUE(fifo.empty());
+    popped.insert(popped.end(), rest.begin(), rest.end());
+    ASSERT_EQ(popped.size(), 150u);
+    for (int i = 0; i < 150; ++i) EXPECT_EQ(popped[static_cast<std::size_t>(i)], std::to_string(i));
 }
 
 // Items put from another thread while deliveries run: each run of puts schedules one delivery,
