@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 namespace asio {
 class io_context;
 }
@@ -17,10 +19,20 @@ bool onNetworkThread();
 // sockets again, instead of each costing the context a round. Nested turns are one turn.
 class NetworkTurn {
 public:
+    // Told when the turn it joined has ended, after the queues that turn made ready.
+    class Listener {
+    public:
+        virtual ~Listener() = default;
+        virtual void turnEnded() = 0;
+    };
+
     NetworkTurn();
     ~NetworkTurn();
     NetworkTurn(const NetworkTurn&) = delete;
     NetworkTurn& operator=(const NetworkTurn&) = delete;
+
+    // False when no turn runs on this thread: the caller acts at once instead.
+    static bool joinEnd(std::shared_ptr<Listener> listener);
 
 private:
     bool outermost_;

@@ -212,6 +212,9 @@ NetworkTurn::NetworkTurn() : outermost_(readyAfterTurn == nullptr) {
     if (outermost_) readyAfterTurn = &ready;
 }
 
+// Who waits for the end of the turn running on this thread.
+thread_local std::vector<std::shared_ptr<NetworkTurn::Listener>> turnListeners;
+
 NetworkTurn::~NetworkTurn() {
     if (!outermost_) return;
     auto& ready = *readyAfterTurn;
@@ -224,6 +227,18 @@ NetworkTurn::~NetworkTurn() {
     readyAfterTurn = nullptr;
     for (; next < ready.size(); ++next) ready[next]->post();
     ready.clear();
+    // Outside the turn: what a listener sets off is not part of it.
+    for (std::size_t i = 0; i < turnListeners.size(); ++i) {
+        auto listener = std::move(turnListeners[i]);
+        listener->turnEnded();
+    }
+    turnListeners.clear();
+}
+
+bool NetworkTurn::joinEnd(std::shared_ptr<Listener> listener) {
+    if (!readyAfterTurn) return false;
+    turnListeners.push_back(std::move(listener));
+    return true;
 }
 
 Queue::~Queue() = default;

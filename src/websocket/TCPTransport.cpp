@@ -122,12 +122,13 @@ struct TCPTransport::Connection {
     std::vector<asio::const_buffer> buffers;  // plain TCP: the writes leaving together
     Bytes gathered;                           // TLS: the same, in one buffer
     bool writing = false;
-    std::size_t inFlight = 0;  // writes carried by the send under way
+    bool sendAtTurnEnd = false;  // the writes wait for the end of the turn that made them
+    std::size_t inFlight = 0;    // writes carried by the send under way
     Phase phase = Phase::connecting;
     std::optional<Failure> endedWith;  // what the writes still queued end with
 };
 
-struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
+struct TCPTransport::Shared : std::enable_shared_from_this<Shared>, NetworkTurn::Listener {
     Shared() : strand(asio::make_strand(networkContext())) {}
 
     Strand strand;
@@ -330,6 +331,24 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
             return;
         }
         connection->writes.emplace_back(std::move(data), std::move(completion));
+        startWriting(connection);
+    }
+
+    // Writes made during a turn of the network thread leave together when it ends, so that the
+    // answers to a read's messages go out in one send.
+    void startWriting(const std::shared_ptr<Connection>& candidate) {
+        if (candidate->writing || candidate->sendAtTurnEnd) return;
+        if (candidate->phase != Connection::Phase::ended && !candidate->writes.empty() &&
+            NetworkTurn::joinEnd(shared_from_this())) {
+            candidate->sendAtTurnEnd = true;
+            return;
+        }
+        writeNext(candidate);
+    }
+
+    void turnEnded() override {
+        if (!connection || !connection->sendAtTurnEnd) return;
+        connection->sendAtTurnEnd = false;
         if (!connection->writing) writeNext(connection);
     }
 
@@ -355,7 +374,7 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared> {
                 if (completion) completion(outcome);
             }
             candidate->writing = false;
-            if (auto self = weak.lock()) self->writeNext(candidate);
+            if (auto self = weak.lock()) self->startWriting(candidate);
         });
     }
 };
