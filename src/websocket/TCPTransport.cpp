@@ -352,8 +352,8 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared>, NetworkTurn:
         if (!connection->writing) writeNext(connection);
     }
 
+    // Only while no send is under way.
     void writeNext(const std::shared_ptr<Connection>& candidate) {
-        candidate->writing = false;
         if (candidate->phase == Connection::Phase::ended) {
             if (candidate->endedWith) flushWrites(candidate);
             return;
