@@ -23,6 +23,8 @@ public:
     virtual void async(Task task) = 0;
     // Runs `task` on this queue once `delay` has passed.
     virtual void asyncAfter(Duration delay, Task task) = 0;
+    // The clock `delay` is measured on; by default the steady clock's time.
+    virtual Duration now() const;
     // True when the calling code runs on this queue (for the main queue: on the main thread).
     virtual bool isCurrent() const = 0;
     virtual const std::string& label() const = 0;

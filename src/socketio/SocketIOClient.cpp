@@ -24,7 +24,9 @@ std::string printedDouble(double value) {
 Queue::Duration delay(double seconds) {
     // A negative (release build) or NaN timeout fires at once rather than overflowing.
     if (!(seconds > 0)) return Queue::Duration::zero();
-    return std::chrono::duration_cast<Queue::Duration>(std::chrono::duration<double>(seconds));
+    // A century at most: the clock's ticks would overflow long before a time-out of 1e300 s.
+    constexpr double kLongest = 100.0 * 365 * 24 * 3600;
+    return std::chrono::duration_cast<Queue::Duration>(std::chrono::duration<double>(std::min(seconds, kLongest)));
 }
 
 // The items' values, after the event's name when there is one.
@@ -92,13 +94,18 @@ std::string SocketAnyEvent::description() const {
 
 // SocketAckManager
 
-void SocketAckManager::addAck(std::int64_t ack, AckCallback callback) {
-    acks_.insert(SocketAck{ack, std::move(callback)});
+void SocketAckManager::addAck(std::int64_t ack, AckCallback callback, std::optional<Queue::Duration> deadline) {
+    auto [entry, added] = acks_.insert(SocketAck{ack, std::move(callback), std::nullopt});
+    if (!deadline || (entry->deadline && *entry->deadline <= *deadline)) return;
+    if (entry->deadline) deadlines_.erase({*entry->deadline, ack});
+    entry->deadline = deadline;
+    deadlines_.emplace(*deadline, ack);
 }
 
 void SocketAckManager::executeAck(std::int64_t ack, const std::vector<Json>& items) {
-    auto found = acks_.find(SocketAck{ack, {}});
+    auto found = acks_.find(SocketAck{ack, {}, std::nullopt});
     if (found == acks_.end()) return;
+    if (found->deadline) deadlines_.erase({*found->deadline, ack});
     // Out of the set before the call, so that the callback may ask for new acks.
     auto callback = std::move(found->callback);
     acks_.erase(found);
@@ -107,7 +114,17 @@ void SocketAckManager::executeAck(std::int64_t ack, const std::vector<Json>& ite
 
 void SocketAckManager::timeoutAck(std::int64_t ack) { executeAck(ack, {Json(kNoAck)}); }
 
-bool SocketAckManager::contains(std::int64_t ack) const { return acks_.count(SocketAck{ack, {}}) > 0; }
+void SocketAckManager::timeoutDue(Queue::Duration now) {
+    // One at a time from the front: a callback may add or answer acks.
+    while (!deadlines_.empty() && deadlines_.begin()->first <= now) timeoutAck(deadlines_.begin()->second);
+}
+
+std::optional<Queue::Duration> SocketAckManager::nextDeadline() const {
+    if (deadlines_.empty()) return std::nullopt;
+    return deadlines_.begin()->first;
+}
+
+bool SocketAckManager::contains(std::int64_t ack) const { return acks_.count(SocketAck{ack, {}, std::nullopt}) > 0; }
 
 // SocketAckEmitter
 
@@ -155,18 +172,33 @@ OnAckCallback::~OnAckCallback() {
 void OnAckCallback::timingOut(double seconds, AckCallback callback) {
     auto socket = socket_.lock();
     if (!socket || ackNumber_ == -1) return;
-    socket->ackHandlers.addAck(ackNumber_, std::move(callback));
+    auto manager = socket->manager();
+    std::optional<Queue::Duration> deadline;
+    if (seconds != 0 && manager) deadline = manager->handleQueue()->now() + delay(seconds);
+    socket->ackHandlers.addAck(ackNumber_, std::move(callback), deadline);
     // Sent once: the packet takes the items.
     socket->emit(std::move(items_), ackNumber_, binary_);
-    if (seconds == 0) return;
-    auto manager = socket->manager();
-    if (!manager) return;
-    manager->handleQueue()->asyncAfter(delay(seconds), [weak = socket_, ack = ackNumber_] {
-        if (auto socket = weak.lock()) socket->ackHandlers.timeoutAck(ack);
-    });
+    if (deadline) socket->armAckTimer(*manager->handleQueue());
 }
 
 // SocketIOClient
+
+void SocketIOClient::armAckTimer(Queue& queue) {
+    auto next = ackHandlers.nextDeadline();
+    if (!next || (ackTimerDue_ && *ackTimerDue_ <= *next)) return;
+    ackTimerDue_ = next;
+    // The task runs on `queue`, so the queue outlives it.
+    queue.asyncAfter(*next - queue.now(), [weak = weak_from_this(), queue = &queue, due = *next] {
+        if (auto socket = weak.lock()) socket->ackTimerFired(*queue, due);
+    });
+}
+
+void SocketIOClient::ackTimerFired(Queue& queue, Queue::Duration due) {
+    // A timer set for a deadline that an earlier one replaced finds another still set.
+    if (ackTimerDue_ == due) ackTimerDue_.reset();
+    ackHandlers.timeoutDue(queue.now());
+    armAckTimer(queue);
+}
 
 SocketIOClient::SocketIOClient(std::weak_ptr<SocketManagerSpec> manager, std::string nsp)
     : nsp_(std::move(nsp)), manager_(std::move(manager)), logType_("SocketIOClient{" + nsp_ + "}") {}

@@ -6,6 +6,7 @@
 
 #include <kelvane/Error.hpp>
 #include <kelvane/Json.hpp>
+#include <kelvane/Queue.hpp>
 
 #include <cstdint>
 #include <functional>
@@ -14,6 +15,7 @@
 #include <set>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace kelvane::socketio {
@@ -88,14 +90,18 @@ struct SocketAnyEvent {
     std::string description() const;
 };
 
-// Pending acks, by number. Handle queue only.
+// Pending acks, by number, and when each times out. Handle queue only.
 class SocketAckManager {
 public:
-    // An ack number already present keeps its callback; the new one is dropped.
-    void addAck(std::int64_t ack, AckCallback callback);
+    // An ack number already present keeps its callback; the new one is dropped, and of the two
+    // deadlines the earlier holds. `deadline` is on the handle queue's clock; none waits for ever.
+    void addAck(std::int64_t ack, AckCallback callback, std::optional<Queue::Duration> deadline = std::nullopt);
     void executeAck(std::int64_t ack, const std::vector<Json>& items);
     // Calls the callback with ["NO ACK"].
     void timeoutAck(std::int64_t ack);
+    // Times out every ack whose deadline is at or before `now`, earliest first.
+    void timeoutDue(Queue::Duration now);
+    std::optional<Queue::Duration> nextDeadline() const;
     bool contains(std::int64_t ack) const;
     std::size_t size() const { return acks_.size(); }
 
@@ -103,9 +109,13 @@ private:
     struct SocketAck {
         std::int64_t ack;
         mutable AckCallback callback;
+        mutable std::optional<Queue::Duration> deadline;
         bool operator<(const SocketAck& other) const { return ack < other.ack; }
     };
     std::set<SocketAck> acks_;
+    // (deadline, ack) of the acks that have one: answered acks leave at once, so that an acked
+    // emit holds nothing and wakes nothing after its answer.
+    std::set<std::pair<Queue::Duration, std::int64_t>> deadlines_;
 };
 
 // What emitWithAck returns: nothing is sent until timingOut() is called. Movable, not copyable.
@@ -214,8 +224,14 @@ public:
     const std::string& logType() const { return logType_; }
 
 private:
+    friend class OnAckCallback;
+    // One timer for all of this namespace's ack time-outs, set for the earliest deadline.
+    void armAckTimer(Queue& queue);
+    void ackTimerFired(Queue& queue, Queue::Duration due);
+
     std::string nsp_;
     std::weak_ptr<SocketManagerSpec> manager_;
+    std::optional<Queue::Duration> ackTimerDue_;
     SocketIOStatus status_ = SocketIOStatus::notConnected;
     std::string logType_;
 };

@@ -243,6 +243,8 @@ bool NetworkTurn::joinEnd(std::shared_ptr<Listener> listener) {
 
 Queue::~Queue() = default;
 
+Queue::Duration Queue::now() const { return std::chrono::steady_clock::now().time_since_epoch(); }
+
 void Queue::sync(Task task) {
     if (isCurrent()) {
         // A hop onto the queue we are on would wait for ever; running in place is what the

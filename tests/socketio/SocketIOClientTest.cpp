@@ -312,6 +312,26 @@ TEST(SocketIOClientAcks, AnsweredTimedOutAndLate) {
     EXPECT_EQ(firstAnswers.size(), 1u);
     EXPECT_EQ(h.client->ackHandlers.size(), 0u);
 
+    // Time-outs of different lengths come earliest first, and answered acks leave no timer
+    // behind: one per namespace, whatever the number of acks.
+    Strings order;
+    auto track = [&](const std::string& name) { return [&, name](const std::vector<Json>&) { order.push_back(name); }; };
+    h.client->emitWithAck("ev", {}).timingOut(10, track("long"));
+    h.client->emitWithAck("ev", {}).timingOut(2, track("short"));
+    h.client->emitWithAck("ev", {}).timingOut(2, track("short too"));
+    for (int i = 0; i < 100; ++i) {
+        h.client->emitWithAck("ev", {}).timingOut(5, track("answered"));
+        h.client->handlePacket(SocketPacket(PacketType::ack, {}, h.client->currentAck, "/chat"));
+    }
+    EXPECT_EQ(order.size(), 100u);
+    order.clear();
+    EXPECT_LE(h.manager->queue->pendingCount(), 2u);
+    h.manager->queue->advance(2s);
+    EXPECT_EQ(order, (Strings{"short", "short too"}));
+    h.manager->queue->advance(8s);
+    EXPECT_EQ(order, (Strings{"short", "short too", "long"}));
+    EXPECT_EQ(h.manager->queue->pendingCount(), 0u);
+
     // Answers are not taken while disconnected.
     h.client->ackHandlers.addAck(9, {});
     h.client->didDisconnect("x");

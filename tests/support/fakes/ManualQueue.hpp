@@ -25,7 +25,7 @@ public:
     const std::string& label() const override { return label_; }
 
     // The queue's clock: starts at zero and moves only by advance().
-    Duration now() const;
+    Duration now() const override;
 
     // Runs every task that is due now, including tasks those tasks post. Returns how many ran.
     std::size_t runUntilIdle();
