@@ -94,37 +94,65 @@ std::string SocketAnyEvent::description() const {
 
 // SocketAckManager
 
+namespace {
+// Where `ack` is or would go in a list sorted by number.
+template <class Acks>
+auto ackPosition(Acks& acks, std::int64_t ack) {
+    return std::lower_bound(acks.begin(), acks.end(), ack,
+                            [](const auto& entry, std::int64_t number) { return entry.ack < number; });
+}
+}  // namespace
+
+void SocketAckManager::dropDeadline(const Deadline& entry) {
+    auto at = std::lower_bound(deadlines_.begin(), deadlines_.end(), entry);
+    if (at != deadlines_.end() && *at == entry) deadlines_.erase(at);
+}
+
 void SocketAckManager::addAck(std::int64_t ack, AckCallback callback, std::optional<Queue::Duration> deadline) {
-    auto [entry, added] = acks_.insert(SocketAck{ack, std::move(callback), std::nullopt});
-    if (!deadline || (entry->deadline && *entry->deadline <= *deadline)) return;
-    if (entry->deadline) deadlines_.erase({*entry->deadline, ack});
-    entry->deadline = deadline;
-    deadlines_.emplace(*deadline, ack);
+    auto at = ackPosition(acks_, ack);
+    if (at == acks_.end() || at->ack != ack) {
+        acks_.insert(at, SocketAck{ack, std::move(callback), deadline});
+    } else {
+        if (!deadline || (at->deadline && *at->deadline <= *deadline)) return;
+        if (at->deadline) dropDeadline({*at->deadline, ack});
+        at->deadline = deadline;
+    }
+    if (!deadline) return;
+    const Deadline entry{*deadline, ack};
+    deadlines_.insert(std::upper_bound(deadlines_.begin(), deadlines_.end(), entry), entry);
+}
+
+std::optional<AckCallback> SocketAckManager::take(std::int64_t ack) {
+    auto at = ackPosition(acks_, ack);
+    if (at == acks_.end() || at->ack != ack) return std::nullopt;
+    if (at->deadline) dropDeadline({*at->deadline, ack});
+    auto callback = std::move(at->callback);
+    acks_.erase(at);
+    return callback;
 }
 
 void SocketAckManager::executeAck(std::int64_t ack, const std::vector<Json>& items) {
-    auto found = acks_.find(SocketAck{ack, {}, std::nullopt});
-    if (found == acks_.end()) return;
-    if (found->deadline) deadlines_.erase({*found->deadline, ack});
-    // Out of the set before the call, so that the callback may ask for new acks.
-    auto callback = std::move(found->callback);
-    acks_.erase(found);
-    if (callback) callback(items);
+    // Out of the lists before the call, so that the callback may ask for new acks.
+    auto callback = take(ack);
+    if (callback && *callback) (*callback)(items);
 }
 
 void SocketAckManager::timeoutAck(std::int64_t ack) { executeAck(ack, {Json(kNoAck)}); }
 
 void SocketAckManager::timeoutDue(Queue::Duration now) {
     // One at a time from the front: a callback may add or answer acks.
-    while (!deadlines_.empty() && deadlines_.begin()->first <= now) timeoutAck(deadlines_.begin()->second);
+    while (!deadlines_.empty() && deadlines_.front().first <= now) timeoutAck(deadlines_.front().second);
 }
 
 std::optional<Queue::Duration> SocketAckManager::nextDeadline() const {
     if (deadlines_.empty()) return std::nullopt;
-    return deadlines_.begin()->first;
+    return deadlines_.front().first;
 }
 
-bool SocketAckManager::contains(std::int64_t ack) const { return acks_.count(SocketAck{ack, {}, std::nullopt}) > 0; }
+bool SocketAckManager::contains(std::int64_t ack) const {
+    auto at = ackPosition(acks_, ack);
+    return at != acks_.end() && at->ack == ack;
+}
 
 // SocketAckEmitter
 

@@ -3,6 +3,7 @@
 #include "socketio/SocketManagerSpec.hpp"
 #include "socketio/SocketPacket.hpp"
 #include "socketio/SocketTypes.hpp"
+#include "support/Fifo.hpp"
 
 #include <kelvane/Error.hpp>
 #include <kelvane/Json.hpp>
@@ -12,7 +13,6 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -107,15 +107,20 @@ public:
 
 private:
     struct SocketAck {
-        std::int64_t ack;
-        mutable AckCallback callback;
-        mutable std::optional<Queue::Duration> deadline;
-        bool operator<(const SocketAck& other) const { return ack < other.ack; }
+        std::int64_t ack = 0;
+        AckCallback callback;
+        std::optional<Queue::Duration> deadline;
     };
-    std::set<SocketAck> acks_;
-    // (deadline, ack) of the acks that have one: answered acks leave at once, so that an acked
-    // emit holds nothing and wakes nothing after its answer.
-    std::set<std::pair<Queue::Duration, std::int64_t>> deadlines_;
+    using Deadline = std::pair<Queue::Duration, std::int64_t>;
+    // Out of both lists; nothing if `ack` is not pending.
+    std::optional<AckCallback> take(std::int64_t ack);
+    void dropDeadline(const Deadline& entry);
+
+    // Sorted lists over vectors: acks are numbered and mostly answered in the order they are
+    // asked, so both grow at the back and shrink at the front, with no allocation per ack. An
+    // answered ack leaves its deadline at once: it holds nothing and wakes nothing afterwards.
+    Fifo<SocketAck> acks_;           // by number
+    Fifo<Deadline> deadlines_;       // by (deadline, number), for the acks that have one
 };
 
 // What emitWithAck returns: nothing is sent until timingOut() is called. Movable, not copyable.

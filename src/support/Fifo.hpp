@@ -15,8 +15,16 @@ public:
     bool empty() const { return head_ == items_.size(); }
     std::size_t size() const { return items_.size() - head_; }
 
+    using iterator = typename std::vector<T>::iterator;
+    using const_iterator = typename std::vector<T>::const_iterator;
+
     T& front() { return items_[head_]; }
+    const T& front() const { return items_[head_]; }
     T& operator[](std::size_t i) { return items_[head_ + i]; }
+    iterator begin() { return items_.begin() + static_cast<std::ptrdiff_t>(head_); }
+    iterator end() { return items_.end(); }
+    const_iterator begin() const { return items_.begin() + static_cast<std::ptrdiff_t>(head_); }
+    const_iterator end() const { return items_.end(); }
 
     template <class... Args>
     void emplace_back(Args&&... args) {
@@ -29,6 +37,23 @@ public:
     void pop_front() {
         items_[head_] = T();
         if (++head_ == items_.size()) clear();
+    }
+
+    // Kept in order: at the front this is pop_front; elsewhere the later items move up.
+    void erase(iterator at) {
+        if (at == begin()) {
+            pop_front();
+        } else {
+            items_.erase(at);
+        }
+    }
+    // Before `at`; at the end this is push_back. Other iterators are invalidated.
+    void insert(iterator at, T item) {
+        if (at == end()) {
+            push_back(std::move(item));
+        } else {
+            items_.insert(at, std::move(item));
+        }
     }
 
     void clear() {
