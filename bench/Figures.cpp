@@ -2,6 +2,7 @@
 
 #include <malloc.h>
 #include <sys/resource.h>
+#include <time.h>
 
 #include <cstdio>
 
@@ -49,10 +50,11 @@ void figure(const std::string& name, double value, const std::string& unit) {
 }
 
 double cpuSeconds(int who) {
-    rusage usage{};
-    getrusage(who, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    // The CPU-time clocks count the scheduler's own nanoseconds; getrusage's sum moved here in
+    // steps of 10 ms for a thread, a tenth of a short measurement.
+    timespec now{};
+    clock_gettime(who == RUSAGE_THREAD ? CLOCK_THREAD_CPUTIME_ID : CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
 std::size_t heapInUse() {
