@@ -13,7 +13,7 @@ namespace kelvane::socketio {
 namespace {
 
 // Doubles as the platform prints them: "2.0", "0.5", "-inf".
-std::string printedDouble(double value) {
+[[maybe_unused]] std::string printedDouble(double value) {
     char buffer[64];
     auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, value);
     std::string text(buffer, ec == std::errc() ? end : buffer);
