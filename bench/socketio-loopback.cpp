@@ -357,9 +357,9 @@ private:
 // by hand: the reference for what the client adds on top of its transport.
 class BareSession : public std::enable_shared_from_this<BareSession> {
 public:
-    static std::shared_ptr<BareSession> make(std::shared_ptr<Queue> queue, int port, bool compress = false,
+    // Deflate is offered when `compression` is given.
+    static std::shared_ptr<BareSession> make(std::shared_ptr<Queue> queue, int port,
                                              std::shared_ptr<websocket::CompressionHandler> compression = nullptr) {
-        if (compress && !compression) compression = std::make_shared<websocket::WSCompression>();
         auto session = std::shared_ptr<BareSession>(new BareSession(std::move(queue), port, std::move(compression)));
         session->socket_->onEvent = [weak = session->weak_from_this()](const websocket::WebSocketEvent& event) {
             if (auto self = weak.lock()) self->handle(event);
@@ -770,7 +770,7 @@ bool deflateFigures(const std::shared_ptr<Queue>& queue, int deflatingPort) {
     }
     // The same packets through the WebSocket under the client, its compression calls timed.
     auto compression = std::make_shared<TimedCompression>();
-    auto bare = BareSession::make(queue, deflatingPort, true, compression);
+    auto bare = BareSession::make(queue, deflatingPort, compression);
     if (!bare->connect() || !bare->echo(payload, kBlock)->wait()) return fail("the bare deflate warm-up failed");
     const double callsBefore = compression->micros();
     if (!bare->echo(payload, kPipelined)->wait()) return fail("the bare deflate echo failed");
@@ -823,7 +823,10 @@ std::optional<double> idleHeap(const std::shared_ptr<Queue>& queue, int port, bo
     std::vector<std::unique_ptr<SocketIOSession>> managers;
     std::vector<std::shared_ptr<BareSession>> sockets;
     auto open = [&] {
-        if (bare) return sockets.emplace_back(BareSession::make(queue, port, compress))->connect().has_value();
+        if (bare) {
+            auto compression = compress ? std::make_shared<websocket::WSCompression>() : nullptr;
+            return sockets.emplace_back(BareSession::make(queue, port, std::move(compression)))->connect().has_value();
+        }
         return managers.emplace_back(std::make_unique<SocketIOSession>(queue, port, compress))->connect().has_value();
     };
     // The first connection also makes what the process keeps for every later one.

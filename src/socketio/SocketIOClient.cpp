@@ -201,12 +201,13 @@ void OnAckCallback::timingOut(double seconds, AckCallback callback) {
     auto socket = socket_.lock();
     if (!socket || ackNumber_ == -1) return;
     auto manager = socket->manager();
+    auto queue = seconds != 0 && manager ? manager->handleQueue() : nullptr;
     std::optional<Queue::Duration> deadline;
-    if (seconds != 0 && manager) deadline = manager->handleQueue()->now() + delay(seconds);
+    if (queue) deadline = queue->now() + delay(seconds);
     socket->ackHandlers.addAck(ackNumber_, std::move(callback), deadline);
     // Sent once: the packet takes the items.
     socket->emit(std::move(items_), ackNumber_, binary_);
-    if (deadline) socket->armAckTimer(*manager->handleQueue());
+    if (queue) socket->armAckTimer(*queue);
 }
 
 // SocketIOClient

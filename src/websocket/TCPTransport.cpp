@@ -349,7 +349,7 @@ struct TCPTransport::Shared : std::enable_shared_from_this<Shared>, NetworkTurn:
     void turnEnded() override {
         if (!connection || !connection->sendAtTurnEnd) return;
         connection->sendAtTurnEnd = false;
-        if (!connection->writing) writeNext(connection);
+        startWriting(connection);
     }
 
     // Only while no send is under way.
